@@ -1,0 +1,49 @@
+// The Linux host as the Windows machine: a Wine prefix, its drive map and the
+// kernel's process table. Internal to the posix backend.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "platform/wstring.h"
+
+namespace qv::platform::posix {
+
+// $WINEPREFIX, or $HOME/.wine; no trailing slash.
+std::string PrefixDirectory();
+
+// $QUORVANE_PROC_ROOT, or /proc; no trailing slash.
+std::string ProcRoot();
+
+// Windows error code for an errno value. `pathLookup` tells whether the call
+// resolved a path, where ENOENT on a missing parent means kErrorPathNotFound.
+std::uint32_t ErrnoToWinError(int err);
+
+// Resolves a Windows path to a host path through the prefix's drive map.
+//
+// The path is first made absolute and normalised as GetFullPathNameW does
+// (against the current directory, which is the working directory in its
+// Windows form). The drive letter leads through $WINEPREFIX/dosdevices/<x>:
+// (Z: is "/" when the prefix does not map it); each later component is tried
+// as written, then matched without regard to case against the folder's
+// entries. Components that do not exist are kept as written, so the result
+// names where a new file would go.
+//
+// False with `error` set (kErrorPathNotFound for an unmapped drive or a
+// network path, kErrorInvalidName for a name the host cannot hold) when there
+// is no host path.
+bool ToHostPath(const WString& windowsPath, std::string& hostPath, std::uint32_t& error);
+
+// Whether the host path lies at or below a drive root, and how deep: 0 for
+// the root itself. Links at depth 0 map drives and are not reparse points.
+// -1 when no drive maps the path.
+int DepthBelowDriveRoot(const std::string& hostPath);
+
+// A host path in Windows form, through the drive whose target is its longest
+// prefix, Z: last. False when no drive maps it.
+bool ToWindowsPath(const std::string& hostPath, WString& windowsPath);
+
+// The process's working directory in Windows form ("Z:\\home\\x").
+WString CurrentDirectoryWindows();
+
+}  // namespace qv::platform::posix
