@@ -43,6 +43,11 @@ int DepthBelowDriveRoot(const std::string& hostPath);
 // prefix, Z: last. False when no drive maps it.
 bool ToWindowsPath(const std::string& hostPath, WString& windowsPath);
 
+// The account's SID as user.reg names it in its
+// ";; All keys relative to REGISTRY\\User\\<SID>" line. False when user.reg
+// is missing or names none.
+bool AccountSidFromUserReg(WString& sidText);
+
 // The process's working directory in Windows form ("Z:\\home\\x").
 WString CurrentDirectoryWindows();
 
