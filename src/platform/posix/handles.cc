@@ -1,0 +1,67 @@
+#include "platform/posix/handles.h"
+
+#include <map>
+
+#include "platform/fault_injection.h"
+
+namespace qv::platform::posix {
+namespace {
+
+struct Entry {
+  HandleKind kind;
+  std::shared_ptr<void> object;
+};
+
+std::map<Handle, Entry>& Table() {
+  static std::map<Handle, Entry> table;
+  return table;
+}
+
+Handle nextHandle = 0x100;
+
+}  // namespace
+
+Handle RegisterHandle(HandleKind kind, std::shared_ptr<void> object) {
+  Handle handle = nextHandle;
+  nextHandle += 4;
+  Table().emplace(handle, Entry{kind, std::move(object)});
+  return handle;
+}
+
+void* LookUpHandleObject(Handle handle, HandleKind kind) {
+  auto it = Table().find(handle);
+  if (it == Table().end() || it->second.kind != kind) return nullptr;
+  return it->second.object.get();
+}
+
+bool ReleaseHandle(Handle handle) {
+  auto it = Table().find(handle);
+  if (it == Table().end()) return false;
+  // Destroy outside the table, in case the object's clean-up looks at it.
+  std::shared_ptr<void> object = std::move(it->second.object);
+  Table().erase(it);
+  object.reset();
+  return true;
+}
+
+bool ReleaseHandleOfKind(Handle handle, HandleKind kind) {
+  auto it = Table().find(handle);
+  if (it == Table().end() || it->second.kind != kind) return false;
+  return ReleaseHandle(handle);
+}
+
+}  // namespace qv::platform::posix
+
+namespace qv::platform {
+
+bool CloseHandle(Handle handle) {
+  QV_FAULT_POINT("CloseHandle", return false);
+  if (handle == GetCurrentProcess()) return true;
+  if (!posix::ReleaseHandle(handle)) {
+    SetLastError(kErrorInvalidHandle);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace qv::platform
