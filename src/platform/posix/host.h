@@ -15,8 +15,7 @@ std::string PrefixDirectory();
 // $QUORVANE_PROC_ROOT, or /proc; no trailing slash.
 std::string ProcRoot();
 
-// Windows error code for an errno value. `pathLookup` tells whether the call
-// resolved a path, where ENOENT on a missing parent means kErrorPathNotFound.
+// Windows error code for an errno value.
 std::uint32_t ErrnoToWinError(int err);
 
 // Resolves a Windows path to a host path through the prefix's drive map.
@@ -33,6 +32,16 @@ std::uint32_t ErrnoToWinError(int err);
 // network path, kErrorInvalidName for a name the host cannot hold) when there
 // is no host path.
 bool ToHostPath(const WString& windowsPath, std::string& hostPath, std::uint32_t& error);
+
+// The same, also telling how many components lie below the drive root (0 for
+// the root itself): a link at depth 0 maps a drive and is no reparse point.
+bool ResolveHostPath(const WString& windowsPath, std::string& hostPath, std::size_t& depth, std::uint32_t& error);
+
+// GetFullPathNameW's normalisation: "/" to "\", relative and rooted forms
+// against the current directory, "." and ".." resolved, repeated separators
+// collapsed, trailing dots and blanks of the last element dropped. A UNC or
+// device path keeps its root. False (kErrorInvalidName) for an empty name.
+bool FullPathName(const WString& name, WString& full, std::uint32_t& error);
 
 // Whether the host path lies at or below a drive root, and how deep: 0 for
 // the root itself. Links at depth 0 map drives and are not reparse points.

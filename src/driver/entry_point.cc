@@ -1,0 +1,110 @@
+#include "driver/entry_point.h"
+
+#include <exception>
+#include <string>
+
+#include "discovery/discovery.h"
+#include "driver/command_line.h"
+#include "driver/run_lock.h"
+#include "driver/status_report.h"
+#include "paths/path_rules.h"
+#include "payload/payload.h"
+#include "platform/platform.h"
+#include "transaction/transaction.h"
+#include "user/fusion_activity.h"
+#include "user/user_folders.h"
+
+namespace qv {
+namespace {
+
+void Err(const WString& text) { platform::WriteStderr(text); }
+void Out(const WString& text) { platform::WriteStdout(text); }
+
+// Everything between taking and releasing the run lock.
+int RunLocked(const std::vector<WString>& arguments) {
+  RunOptions options;
+  // Both folders are asked for before either is tested.
+  options.appData = GetUserFolder(platform::kCsidlAppData);
+  options.localAppData = GetUserFolder(platform::kCsidlLocalAppData);
+  if (options.appData.empty() || options.localAppData.empty()) {
+    Err(u"Required per-user Windows folders are unavailable.\n");
+    return 3;
+  }
+  options.packageRoot = LocatePackageRoot();
+
+  WString error;
+  if (!ReadOptions(arguments, options, error)) {
+    Err(error);
+    return 2;
+  }
+
+  FusionInstallationList installations;
+  error.clear();
+  const bool discovered =
+      options.isolated
+          ? DiscoverIsolatedInstallations(options.appData, options.localAppData, installations, error)
+          : DiscoverFusionInstallations(options.appData, options.localAppData, installations, error);
+  if (!discovered) {
+    Err(error + u"\n");
+    return 5;
+  }
+
+  const WString action = ToLowerCopy(arguments[1]);
+  const bool fusionActive = IsFusionActive();
+
+  if (action == u"/status") return ReportStatus(installations, fusionActive);
+
+  if (action == u"/uninstall") {
+    if (!SelectUninstallTargets(options.appData, options.localAppData, installations, error)) {
+      Err(error + u"\n");
+      return 5;
+    }
+    const int result = RunTransaction(options.packageRoot, options.localAppData, installations, true);
+    if (result != 0) return result;
+    Out(u"Quorvane uninstalled. Settings and ODB++ outputs preserved.\n");
+    if (fusionActive) Out(u"Restart Autodesk Fusion to complete removal.\n");
+    return 0;
+  }
+
+  if (action != u"/install" && action != u"/update") {
+    Err(u"Unknown action.\n");
+    return 2;
+  }
+  if (installations.empty()) {
+    Err(u"Autodesk Fusion was not detected. Start Fusion once, then retry.\n");
+    return 5;
+  }
+  const int result = RunTransaction(options.packageRoot, options.localAppData, installations, false);
+  if (result != 0) return result;
+  Out(u"Quorvane installed/updated.\n");
+  if (fusionActive) Out(u"Restart Autodesk Fusion to activate/update the Quorvane.\n");
+  return 0;
+}
+
+}  // namespace
+
+int RunSetup(const std::vector<WString>& arguments) {
+  if (arguments.size() < 2) {
+    Err(u"Usage: Quorvane_Setup.exe /install|/update|/uninstall|/status\n");
+    return 2;
+  }
+  RunLock lock = AcquireRunLock();
+  if (!lock.held) {
+    Err(u"Another Quorvane Setup is active or was interrupted. Check its result and retry.\n");
+    ReleaseRunLock(lock);
+    return 7;
+  }
+  int code = 6;
+  try {
+    code = RunLocked(arguments);
+  } catch (const std::exception& failure) {
+    // Only exhausted memory can get here: the operations of a run report
+    // their failures themselves. Stop with the text rather than leave the
+    // lock abandoned for the next run.
+    platform::WriteStderrNarrow(std::string(failure.what()) + "\n");
+  }
+  ReleaseRunLock(lock);
+  return code;
+}
+
+}  // namespace qv

@@ -1,0 +1,549 @@
+// File operations of the seam on the Linux host. Paths are Windows paths,
+// resolved through the prefix's drive map; the outcomes and error codes are
+// those of the Win32 calls (an existing folder at a rename's target fails
+// with 5, CREATE_NEW on an existing file with 80, ...).
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/fault_injection.h"
+#include "platform/platform.h"
+#include "platform/posix/handles.h"
+#include "platform/posix/host.h"
+
+namespace qv::platform {
+namespace {
+
+using posix::ErrnoToWinError;
+
+struct OpenFile {
+  int fd = -1;
+  ~OpenFile() {
+    if (fd >= 0) ::close(fd);
+  }
+};
+
+struct Search {
+  std::vector<FindData> entries;
+  std::size_t next = 0;
+};
+
+bool Resolve(const WString& path, std::string& host, std::size_t& depth) {
+  std::uint32_t error = 0;
+  if (!posix::ResolveHostPath(path, host, depth, error)) {
+    SetLastError(error);
+    return false;
+  }
+  return true;
+}
+
+bool Resolve(const WString& path, std::string& host) {
+  std::size_t depth = 0;
+  return Resolve(path, host, depth);
+}
+
+std::string HostParent(const std::string& host) {
+  std::size_t slash = host.find_last_of('/');
+  if (slash == std::string::npos || slash == 0) return "/";
+  return host.substr(0, slash);
+}
+
+// ENOENT says "file not found" when the folder that would hold the entry
+// exists, and "path not found" when it does not, as Windows tells them apart.
+std::uint32_t MissingCode(const std::string& host) {
+  struct stat st;
+  if (::stat(HostParent(host).c_str(), &st) == 0 && S_ISDIR(st.st_mode)) return kErrorFileNotFound;
+  return kErrorPathNotFound;
+}
+
+std::uint32_t CodeFor(int err, const std::string& host) {
+  if (err == ENOENT) return MissingCode(host);
+  return ErrnoToWinError(err);
+}
+
+bool Fail(std::uint32_t code) {
+  SetLastError(code);
+  return false;
+}
+
+std::uint32_t AttributesOf(const std::string& host, std::size_t depth, const std::string& name, bool& ok) {
+  ok = false;
+  struct stat st;
+  if (::lstat(host.c_str(), &st) != 0) {
+    SetLastError(CodeFor(errno, host));
+    return kInvalidFileAttributes;
+  }
+  std::uint32_t attributes = 0;
+  if (S_ISLNK(st.st_mode)) {
+    struct stat target;
+    bool live = ::stat(host.c_str(), &target) == 0;
+    if (depth == 0) {
+      // The link that maps a drive is the drive's root, not a reparse point.
+      if (!live) {
+        SetLastError(kErrorPathNotFound);
+        return kInvalidFileAttributes;
+      }
+      st = target;
+    } else {
+      attributes |= kFileAttributeReparsePoint;
+      attributes |= (live && S_ISDIR(target.st_mode)) ? kFileAttributeDirectory : kFileAttributeArchive;
+      ok = true;
+      return attributes;
+    }
+  }
+  attributes |= S_ISDIR(st.st_mode) ? kFileAttributeDirectory : kFileAttributeArchive;
+  if (!name.empty() && name[0] == '.' && name != "." && name != "..") attributes |= kFileAttributeHidden;
+  ok = true;
+  return attributes;
+}
+
+std::string LastName(const std::string& host) {
+  std::size_t slash = host.find_last_of('/');
+  return slash == std::string::npos ? host : host.substr(slash + 1);
+}
+
+bool SyncFolder(const std::string& folder) {
+  int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return false;
+  bool ok = ::fsync(fd) == 0;
+  ::close(fd);
+  return ok;
+}
+
+// Copies one regular file's bytes, by reflink where the file system has one,
+// else by copy_file_range in the kernel, else by read and write.
+bool CopyBytes(int in, int out, std::uint32_t& error) {
+  if (::ioctl(out, FICLONE, in) == 0) return true;
+  struct stat st;
+  if (::fstat(in, &st) != 0) {
+    error = ErrnoToWinError(errno);
+    return false;
+  }
+  off_t remaining = st.st_size;
+  bool fallback = false;
+  while (remaining > 0) {
+    ssize_t n = ::copy_file_range(in, nullptr, out, nullptr, static_cast<std::size_t>(remaining), 0);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      if (errno == EXDEV || errno == ENOSYS || errno == EOPNOTSUPP || errno == EINVAL) {
+        fallback = true;
+        break;
+      }
+      error = ErrnoToWinError(errno);
+      return false;
+    }
+    if (n == 0) break;
+    remaining -= n;
+  }
+  if (!fallback) return true;
+  if (::lseek(in, 0, SEEK_SET) < 0 || ::ftruncate(out, 0) != 0 || ::lseek(out, 0, SEEK_SET) < 0) {
+    error = ErrnoToWinError(errno);
+    return false;
+  }
+  std::vector<char> buffer(1 << 16);
+  for (;;) {
+    ssize_t n = ::read(in, buffer.data(), buffer.size());
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      error = ErrnoToWinError(errno);
+      return false;
+    }
+    if (n == 0) return true;
+    for (ssize_t done = 0; done < n;) {
+      ssize_t w = ::write(out, buffer.data() + done, static_cast<std::size_t>(n - done));
+      if (w < 0) {
+        if (errno == EINTR) continue;
+        error = ErrnoToWinError(errno);
+        return false;
+      }
+      done += w;
+    }
+  }
+}
+
+bool CopyRegularFile(const std::string& from, const std::string& to, std::uint32_t& error) {
+  int in = ::open(from.c_str(), O_RDONLY | O_CLOEXEC);
+  if (in < 0) {
+    error = CodeFor(errno, from);
+    return false;
+  }
+  struct stat st;
+  ::fstat(in, &st);
+  int out = ::open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, st.st_mode & 07777);
+  if (out < 0) {
+    error = CodeFor(errno, to);
+    ::close(in);
+    return false;
+  }
+  bool ok = CopyBytes(in, out, error);
+  if (ok) {
+    // CopyFileW keeps the last write time.
+    struct timespec times[2] = {st.st_atim, st.st_mtim};
+    ::futimens(out, times);
+  }
+  if (::close(out) != 0 && ok) {
+    error = ErrnoToWinError(errno);
+    ok = false;
+  }
+  ::close(in);
+  return ok;
+}
+
+void RemoveTree(const std::string& host) {
+  struct stat st;
+  if (::lstat(host.c_str(), &st) != 0) return;
+  if (S_ISDIR(st.st_mode)) {
+    if (DIR* dir = ::opendir(host.c_str())) {
+      std::vector<std::string> names;
+      while (dirent* e = ::readdir(dir)) {
+        std::string name = e->d_name;
+        if (name != "." && name != "..") names.push_back(name);
+      }
+      ::closedir(dir);
+      for (const std::string& name : names) RemoveTree(host + "/" + name);
+    }
+    ::rmdir(host.c_str());
+  } else {
+    ::unlink(host.c_str());
+  }
+}
+
+// Copies a whole tree for a move across file systems: folders, files and
+// links as they are.
+bool CopyTree(const std::string& from, const std::string& to, std::uint32_t& error) {
+  struct stat st;
+  if (::lstat(from.c_str(), &st) != 0) {
+    error = CodeFor(errno, from);
+    return false;
+  }
+  if (S_ISLNK(st.st_mode)) {
+    std::vector<char> buffer(PATH_MAX + 1);
+    ssize_t n = ::readlink(from.c_str(), buffer.data(), PATH_MAX);
+    if (n < 0 || ::symlink(std::string(buffer.data(), static_cast<std::size_t>(n)).c_str(), to.c_str()) != 0) {
+      error = ErrnoToWinError(errno);
+      return false;
+    }
+    return true;
+  }
+  if (!S_ISDIR(st.st_mode)) return CopyRegularFile(from, to, error);
+  if (::mkdir(to.c_str(), st.st_mode & 07777) != 0) {
+    error = ErrnoToWinError(errno);
+    return false;
+  }
+  DIR* dir = ::opendir(from.c_str());
+  if (dir == nullptr) {
+    error = ErrnoToWinError(errno);
+    return false;
+  }
+  std::vector<std::string> names;
+  while (dirent* e = ::readdir(dir)) {
+    std::string name = e->d_name;
+    if (name != "." && name != "..") names.push_back(name);
+  }
+  ::closedir(dir);
+  for (const std::string& name : names) {
+    if (!CopyTree(from + "/" + name, to + "/" + name, error)) return false;
+  }
+  return true;
+}
+
+// Matches a FindFirstFileW pattern ("*", "?") against a name, ignoring the
+// case of ASCII letters.
+bool MatchesPattern(const WString& pattern, const WString& name, std::size_t p = 0, std::size_t n = 0) {
+  auto fold = [](WChar c) { return (c >= u'A' && c <= u'Z') ? static_cast<WChar>(c + 32) : c; };
+  while (p < pattern.size()) {
+    if (pattern[p] == u'*') {
+      for (std::size_t k = n; k <= name.size(); ++k) {
+        if (MatchesPattern(pattern, name, p + 1, k)) return true;
+      }
+      return false;
+    }
+    if (n >= name.size()) return false;
+    if (pattern[p] != u'?' && fold(pattern[p]) != fold(name[n])) return false;
+    ++p;
+    ++n;
+  }
+  return n == name.size();
+}
+
+}  // namespace
+
+std::uint32_t GetFileAttributesW(const WString& path) {
+  QV_FAULT_POINT("GetFileAttributesW", return kInvalidFileAttributes, path);
+  std::string host;
+  std::size_t depth = 0;
+  if (!Resolve(path, host, depth)) return kInvalidFileAttributes;
+  bool ok = false;
+  std::uint32_t attributes = AttributesOf(host, depth, LastName(host), ok);
+  return ok ? attributes : kInvalidFileAttributes;
+}
+
+bool GetFileAttributesExW(const WString& path, NodeType& type) {
+  QV_FAULT_POINT("GetFileAttributesExW", return false, path);
+  std::string host;
+  if (!Resolve(path, host)) return false;
+  struct stat st;
+  if (::stat(host.c_str(), &st) != 0) return Fail(CodeFor(errno, host));
+  type = S_ISDIR(st.st_mode) ? NodeType::Directory : S_ISREG(st.st_mode) ? NodeType::RegularFile : NodeType::Other;
+  return true;
+}
+
+bool CreateDirectoryW(const WString& path) {
+  QV_FAULT_POINT("CreateDirectoryW", return false, path);
+  std::string host;
+  std::size_t depth = 0;
+  if (!Resolve(path, host, depth)) return false;
+  if (depth == 0) return Fail(kErrorAccessDenied);
+  if (::mkdir(host.c_str(), 0777) != 0) {
+    if (errno == ENOENT) return Fail(kErrorPathNotFound);
+    return Fail(ErrnoToWinError(errno));
+  }
+  return true;
+}
+
+bool MoveFileExW(const WString& from, const WString& to, std::uint32_t flags) {
+  QV_FAULT_POINT("MoveFileExW", return false, from, to);
+  std::string source;
+  std::string target;
+  if (!Resolve(from, source) || !Resolve(to, target)) return false;
+  struct stat sourceStat;
+  if (::lstat(source.c_str(), &sourceStat) != 0) return Fail(CodeFor(errno, source));
+  struct stat targetStat;
+  if (::lstat(target.c_str(), &targetStat) == 0) {
+    // A folder at the target is never replaced, even when empty; a file is,
+    // but only with MOVEFILE_REPLACE_EXISTING. Renaming an entry onto itself
+    // (a change of case) is allowed.
+    bool same = sourceStat.st_dev == targetStat.st_dev && sourceStat.st_ino == targetStat.st_ino;
+    if (!same) {
+      if (S_ISDIR(targetStat.st_mode)) return Fail(kErrorAccessDenied);
+      if ((flags & kMoveFileReplaceExisting) == 0) return Fail(kErrorAlreadyExists);
+      if (S_ISDIR(sourceStat.st_mode)) return Fail(kErrorAccessDenied);
+    }
+  }
+  if (::rename(source.c_str(), target.c_str()) != 0) {
+    int err = errno;
+    if (err != EXDEV) {
+      if (err == ENOENT) return Fail(kErrorPathNotFound);
+      if (err == ENOTDIR || err == EISDIR || err == ENOTEMPTY || err == EEXIST) return Fail(kErrorAccessDenied);
+      return Fail(ErrnoToWinError(err));
+    }
+    if ((flags & kMoveFileCopyAllowed) == 0) return Fail(kErrorNotSameDevice);
+    // Across file systems: copy, then delete the source; a copy that fails
+    // leaves the target as it was.
+    std::string staging = target + ".qv-move-" + std::to_string(::getpid());
+    std::uint32_t error = 0;
+    if (!CopyTree(source, staging, error)) {
+      RemoveTree(staging);
+      return Fail(error);
+    }
+    if (::rename(staging.c_str(), target.c_str()) != 0) {
+      std::uint32_t code = ErrnoToWinError(errno);
+      RemoveTree(staging);
+      return Fail(code);
+    }
+    RemoveTree(source);
+  }
+  if ((flags & kMoveFileWriteThrough) != 0) {
+    SyncFolder(HostParent(target));
+    if (HostParent(source) != HostParent(target)) SyncFolder(HostParent(source));
+  }
+  return true;
+}
+
+bool CopyFileW(const WString& from, const WString& to, bool failIfExists) {
+  QV_FAULT_POINT("CopyFileW", return false, from, to);
+  std::string source;
+  std::string target;
+  if (!Resolve(from, source) || !Resolve(to, target)) return false;
+  struct stat st;
+  if (::stat(source.c_str(), &st) != 0) return Fail(CodeFor(errno, source));
+  if (S_ISDIR(st.st_mode)) return Fail(kErrorAccessDenied);
+  struct stat existing;
+  if (::stat(target.c_str(), &existing) == 0) {
+    if (S_ISDIR(existing.st_mode)) return Fail(kErrorAccessDenied);
+    if (failIfExists) return Fail(kErrorFileExists);
+    if (existing.st_dev == st.st_dev && existing.st_ino == st.st_ino) return Fail(kErrorSharingViolation);
+  }
+  std::uint32_t error = 0;
+  if (!CopyRegularFile(source, target, error)) return Fail(error);
+  return true;
+}
+
+bool DeleteFileW(const WString& path) {
+  QV_FAULT_POINT("DeleteFileW", return false, path);
+  std::string host;
+  if (!Resolve(path, host)) return false;
+  struct stat st;
+  if (::lstat(host.c_str(), &st) != 0) return Fail(CodeFor(errno, host));
+  if (S_ISDIR(st.st_mode)) return Fail(kErrorAccessDenied);
+  if (::unlink(host.c_str()) != 0) return Fail(CodeFor(errno, host));
+  return true;
+}
+
+Handle CreateFileW(const WString& path, std::uint32_t desiredAccess, std::uint32_t /*shareMode*/,
+                   std::uint32_t creationDisposition, std::uint32_t /*flagsAndAttributes*/) {
+  QV_FAULT_POINT("CreateFileW", return kInvalidHandle, path);
+  std::string host;
+  if (!Resolve(path, host)) return kInvalidHandle;
+  int flags = O_CLOEXEC;
+  bool read = (desiredAccess & 0x80000000u) != 0;
+  bool write = (desiredAccess & kGenericWrite) != 0;
+  flags |= read && write ? O_RDWR : write ? O_WRONLY : O_RDONLY;
+  switch (creationDisposition) {
+    case kCreateNew: flags |= O_CREAT | O_EXCL; break;
+    case kCreateAlways: flags |= O_CREAT | O_TRUNC; break;
+    case 3: break;                       // OPEN_EXISTING
+    case 4: flags |= O_CREAT; break;     // OPEN_ALWAYS
+    case 5: flags |= O_TRUNC; break;     // TRUNCATE_EXISTING
+    default: SetLastError(kErrorInvalidParameter); return kInvalidHandle;
+  }
+  struct stat st;
+  if (::stat(host.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+    SetLastError(kErrorAccessDenied);
+    return kInvalidHandle;
+  }
+  int fd = ::open(host.c_str(), flags, 0666);
+  if (fd < 0) {
+    SetLastError(errno == EEXIST ? kErrorFileExists : CodeFor(errno, host));
+    return kInvalidHandle;
+  }
+  auto file = std::make_shared<OpenFile>();
+  file->fd = fd;
+  return posix::RegisterHandle(posix::HandleKind::File, file);
+}
+
+bool WriteFile(Handle file, const void* data, std::uint32_t size, std::uint32_t& written) {
+  QV_FAULT_POINT("WriteFile", return false);
+  written = 0;
+  auto* open = posix::LookUpHandle<OpenFile>(file, posix::HandleKind::File);
+  if (open == nullptr) return Fail(kErrorInvalidHandle);
+  const char* bytes = static_cast<const char*>(data);
+  while (written < size) {
+    ssize_t n = ::write(open->fd, bytes + written, size - written);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return Fail(ErrnoToWinError(errno));
+    }
+    written += static_cast<std::uint32_t>(n);
+  }
+  return true;
+}
+
+bool FlushFileBuffers(Handle file) {
+  QV_FAULT_POINT("FlushFileBuffers", return false);
+  auto* open = posix::LookUpHandle<OpenFile>(file, posix::HandleKind::File);
+  if (open == nullptr) return Fail(kErrorInvalidHandle);
+  if (::fsync(open->fd) != 0) return Fail(ErrnoToWinError(errno));
+  return true;
+}
+
+Handle FindFirstFileW(const WString& pattern, FindData& data) {
+  QV_FAULT_POINT("FindFirstFileW", return kInvalidHandle, pattern);
+  std::size_t cut = pattern.find_last_of(u"\\/");
+  WString folder = cut == WString::npos ? WString(u".") : pattern.substr(0, cut + 1);
+  WString mask = cut == WString::npos ? pattern : pattern.substr(cut + 1);
+  if (mask.empty()) {
+    SetLastError(kErrorFileNotFound);
+    return kInvalidHandle;
+  }
+  std::string host;
+  std::size_t depth = 0;
+  if (!Resolve(folder, host, depth)) return kInvalidHandle;
+  DIR* dir = ::opendir(host.c_str());
+  if (dir == nullptr) {
+    SetLastError(errno == ENOENT || errno == ENOTDIR ? kErrorPathNotFound : ErrnoToWinError(errno));
+    return kInvalidHandle;
+  }
+  auto search = std::make_shared<Search>();
+  std::vector<std::string> names{".", ".."};
+  while (dirent* e = ::readdir(dir)) {
+    std::string name = e->d_name;
+    if (name != "." && name != "..") names.push_back(name);
+  }
+  ::closedir(dir);
+  std::string base = host == "/" ? "" : host;
+  for (const std::string& name : names) {
+    WString wide = Utf8ToWide(name);
+    if (!MatchesPattern(mask, wide)) continue;
+    FindData entry;
+    entry.fileName = wide;
+    if (name == "." || name == "..") {
+      entry.attributes = kFileAttributeDirectory;
+    } else {
+      bool ok = false;
+      entry.attributes = AttributesOf(base + "/" + name, depth + 1, name, ok);
+      if (!ok) continue;  // vanished since the listing
+    }
+    search->entries.push_back(std::move(entry));
+  }
+  if (search->entries.empty()) {
+    SetLastError(kErrorFileNotFound);
+    return kInvalidHandle;
+  }
+  data = search->entries[0];
+  search->next = 1;
+  return posix::RegisterHandle(posix::HandleKind::Search, search);
+}
+
+bool FindNextFileW(Handle handle, FindData& data) {
+  QV_FAULT_POINT("FindNextFileW", return false);
+  auto* search = posix::LookUpHandle<Search>(handle, posix::HandleKind::Search);
+  if (search == nullptr) return Fail(kErrorInvalidHandle);
+  if (search->next >= search->entries.size()) return Fail(kErrorNoMoreFiles);
+  data = search->entries[search->next++];
+  return true;
+}
+
+bool FindClose(Handle handle) {
+  QV_FAULT_POINT("FindClose", return false);
+  if (!posix::ReleaseHandleOfKind(handle, posix::HandleKind::Search)) return Fail(kErrorInvalidHandle);
+  return true;
+}
+
+std::uint32_t GetFullPathNameW(const WString& fileName, std::uint32_t bufferLength, WString& result) {
+  QV_FAULT_POINT("GetFullPathNameW", return 0, fileName);
+  WString full;
+  std::uint32_t error = 0;
+  if (!posix::FullPathName(fileName, full, error)) {
+    SetLastError(error);
+    return 0;
+  }
+  if (full.size() + 1 > bufferLength) return static_cast<std::uint32_t>(full.size() + 1);
+  result = full;
+  return static_cast<std::uint32_t>(full.size());
+}
+
+std::uint32_t GetModuleFileNameW(WString& path, std::uint32_t capacity) {
+  QV_FAULT_POINT("GetModuleFileNameW", return 0);
+  std::vector<char> buffer(PATH_MAX + 1);
+  ssize_t n = ::readlink("/proc/self/exe", buffer.data(), PATH_MAX);
+  if (n <= 0) {
+    SetLastError(ErrnoToWinError(errno));
+    return 0;
+  }
+  WString windows;
+  if (!posix::ToWindowsPath(std::string(buffer.data(), static_cast<std::size_t>(n)), windows)) {
+    SetLastError(kErrorPathNotFound);
+    return 0;
+  }
+  if (capacity == 0) return 0;
+  if (windows.size() >= capacity) {
+    path = windows.substr(0, capacity - 1);
+    SetLastError(kErrorInsufficientBuffer);
+    return capacity;
+  }
+  path = windows;
+  return static_cast<std::uint32_t>(windows.size());
+}
+
+}  // namespace qv::platform

@@ -1,0 +1,338 @@
+// Windows paths on the Linux host: the drive map of the Wine prefix, the
+// normalisation of GetFullPathNameW and the case-insensitive lookup of path
+// components.
+#include <dirent.h>
+#include <limits.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "platform/constants.h"
+#include "platform/posix/host.h"
+
+namespace qv::platform::posix {
+namespace {
+
+bool IsSeparator(WChar c) { return c == u'\\' || c == u'/'; }
+bool IsDriveLetter(WChar c) { return (c >= u'A' && c <= u'Z') || (c >= u'a' && c <= u'z'); }
+WChar UpperLetter(WChar c) { return (c >= u'a' && c <= u'z') ? static_cast<WChar>(c - 32) : c; }
+
+// Case folding for name lookup: ASCII, Latin-1, Greek and Cyrillic letters,
+// the scripts whose case Wine's lookup folds in practice.
+char32_t FoldCase(char32_t c) {
+  if (c >= U'A' && c <= U'Z') return c + 32;
+  if (c >= 0xC0 && c <= 0xDE && c != 0xD7) return c + 32;
+  if (c >= 0x391 && c <= 0x3AB && c != 0x3A2) return c + 32;
+  if (c >= 0x410 && c <= 0x42F) return c + 32;
+  if (c >= 0x400 && c <= 0x40F) return c + 80;
+  return c;
+}
+
+std::u32string FoldedCodePoints(const std::string& utf8) {
+  WString wide = Utf8ToWide(utf8);
+  std::u32string out;
+  out.reserve(wide.size());
+  for (WChar c : wide) out.push_back(FoldCase(c));
+  return out;
+}
+
+bool LexicallyAbsolute(const std::string& p) { return !p.empty() && p[0] == '/'; }
+
+// Collapses "//", "." and ".." of a host path without touching the disk.
+std::string NormaliseHostPath(const std::string& path) {
+  std::vector<std::string> parts;
+  std::size_t i = 0;
+  while (i <= path.size()) {
+    std::size_t j = path.find('/', i);
+    if (j == std::string::npos) j = path.size();
+    std::string part = path.substr(i, j - i);
+    if (part == "..") {
+      if (!parts.empty()) parts.pop_back();
+    } else if (!part.empty() && part != ".") {
+      parts.push_back(part);
+    }
+    i = j + 1;
+  }
+  std::string out;
+  for (const std::string& part : parts) out += "/" + part;
+  return out.empty() ? "/" : out;
+}
+
+std::string WorkingDirectory() {
+  std::vector<char> buffer(PATH_MAX);
+  while (::getcwd(buffer.data(), buffer.size()) == nullptr) {
+    if (errno != ERANGE) return "/";
+    buffer.resize(buffer.size() * 2);
+  }
+  return buffer.data();
+}
+
+// The host folder a drive letter maps to, or empty when the prefix does not
+// map it. Z: is "/" unless the prefix maps it elsewhere.
+std::string DriveTarget(WChar letter) {
+  char lower = static_cast<char>(UpperLetter(letter) - u'A' + 'a');
+  std::string devices = PrefixDirectory() + "/dosdevices";
+  std::string entry = devices + "/" + lower + ":";
+  struct stat st;
+  if (::lstat(entry.c_str(), &st) != 0) return lower == 'z' ? "/" : "";
+  if (S_ISLNK(st.st_mode)) {
+    std::vector<char> buffer(PATH_MAX + 1);
+    ssize_t n = ::readlink(entry.c_str(), buffer.data(), PATH_MAX);
+    if (n <= 0) return lower == 'z' ? "/" : "";
+    std::string target(buffer.data(), static_cast<std::size_t>(n));
+    if (!LexicallyAbsolute(target)) target = devices + "/" + target;
+    return NormaliseHostPath(target);
+  }
+  if (S_ISDIR(st.st_mode)) return entry;
+  return "";
+}
+
+// Finds an entry of `folder` named like `name` without regard to case.
+bool FindEntryIgnoringCase(const std::string& folder, const std::string& name, std::string& found) {
+  DIR* dir = ::opendir(folder.c_str());
+  if (dir == nullptr) return false;
+  std::u32string wanted = FoldedCodePoints(name);
+  bool match = false;
+  while (dirent* entry = ::readdir(dir)) {
+    std::string candidate = entry->d_name;
+    if (candidate == "." || candidate == "..") continue;
+    if (candidate.size() != name.size() && FoldedCodePoints(candidate).size() != wanted.size()) continue;
+    if (FoldedCodePoints(candidate) == wanted) {
+      found = candidate;
+      match = true;
+      break;
+    }
+  }
+  ::closedir(dir);
+  return match;
+}
+
+bool IsValidComponent(const WString& component) {
+  for (WChar c : component) {
+    if (c < 0x20 || c == u'<' || c == u'>' || c == u':' || c == u'"' || c == u'|' || c == u'?' || c == u'*') {
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+WString CurrentDirectoryWindows() {
+  WString windows;
+  if (ToWindowsPath(WorkingDirectory(), windows)) return windows;
+  return u"Z:\\";
+}
+
+bool FullPathName(const WString& name, WString& full, std::uint32_t& error) {
+  if (name.empty()) {
+    error = kErrorInvalidName;
+    return false;
+  }
+  WString path = name;
+  for (WChar& c : path) {
+    if (c == u'/') c = u'\\';
+  }
+  // Split into a root and the rest, which is then resolved element by element.
+  WString root;
+  WString rest;
+  if (path.size() >= 2 && path[0] == u'\\' && path[1] == u'\\') {
+    // Device (\\?\, \\.\) and network (\\server\share) paths keep their root.
+    if (path.size() >= 4 && (path[2] == u'?' || path[2] == u'.') && path[3] == u'\\') {
+      root = path.substr(0, 4);
+      rest = path.substr(4);
+    } else {
+      std::size_t server = path.find(u'\\', 2);
+      std::size_t share = server == WString::npos ? WString::npos : path.find(u'\\', server + 1);
+      root = share == WString::npos ? path : path.substr(0, share);
+      rest = share == WString::npos ? WString() : path.substr(share + 1);
+      root += u'\\';
+    }
+  } else if (path.size() >= 2 && path[1] == u':' && IsDriveLetter(path[0])) {
+    // The drive letter keeps the case it was given.
+    WString drive{path[0], u':'};
+    if (path.size() >= 3 && path[2] == u'\\') {
+      root = drive + u"\\";
+      rest = path.substr(3);
+    } else {
+      // Drive-relative: against the current directory when it is on that
+      // drive, else against the drive's root.
+      WString cwd = CurrentDirectoryWindows();
+      if (cwd.size() >= 2 && UpperLetter(cwd[0]) == UpperLetter(drive[0])) {
+        root = cwd.substr(0, 3);
+        rest = cwd.substr(3) + u"\\" + path.substr(2);
+      } else {
+        root = drive + u"\\";
+        rest = path.substr(2);
+      }
+    }
+  } else if (!path.empty() && path[0] == u'\\') {
+    WString cwd = CurrentDirectoryWindows();
+    root = cwd.substr(0, 3);
+    rest = path.substr(1);
+  } else {
+    WString cwd = CurrentDirectoryWindows();
+    root = cwd.substr(0, 3);
+    rest = cwd.substr(3) + u"\\" + path;
+  }
+
+  bool trailingSeparator = !rest.empty() && rest.back() == u'\\';
+  std::vector<WString> parts;
+  std::size_t i = 0;
+  while (i <= rest.size()) {
+    std::size_t j = rest.find(u'\\', i);
+    if (j == WString::npos) j = rest.size();
+    WString part = rest.substr(i, j - i);
+    if (part == u"..") {
+      if (!parts.empty()) parts.pop_back();
+    } else if (!part.empty() && part != u".") {
+      parts.push_back(part);
+    }
+    i = j + 1;
+  }
+  if (!parts.empty() && !trailingSeparator) {
+    // Windows drops trailing dots and blanks of the last element.
+    WString& last = parts.back();
+    while (!last.empty() && (last.back() == u'.' || last.back() == u' ')) last.pop_back();
+    if (last.empty()) parts.pop_back();
+  }
+  full = root;
+  for (std::size_t k = 0; k < parts.size(); ++k) {
+    if (k > 0) full += u'\\';
+    full += parts[k];
+  }
+  if (trailingSeparator && !parts.empty()) full += u'\\';
+  return true;
+}
+
+bool ResolveHostPath(const WString& windowsPath, std::string& hostPath, std::size_t& depth, std::uint32_t& error) {
+  WString full;
+  if (!FullPathName(windowsPath, full, error)) return false;
+  if (full.size() < 3 || full[1] != u':' || !IsDriveLetter(full[0])) {
+    error = kErrorBadNetPath;
+    return false;
+  }
+  std::string current = DriveTarget(full[0]);
+  if (current.empty()) {
+    error = kErrorPathNotFound;
+    return false;
+  }
+  depth = 0;
+  bool lookUp = true;
+  std::size_t i = 3;
+  while (i < full.size()) {
+    std::size_t j = full.find(u'\\', i);
+    if (j == WString::npos) j = full.size();
+    WString component = full.substr(i, j - i);
+    i = j + 1;
+    if (component.empty()) continue;
+    if (!IsValidComponent(component)) {
+      error = kErrorInvalidName;
+      return false;
+    }
+    std::string name = WideToUtf8(component);
+    std::string base = current == "/" ? "" : current;
+    std::string candidate = base + "/" + name;
+    if (lookUp) {
+      struct stat st;
+      if (::lstat(candidate.c_str(), &st) != 0) {
+        std::string found;
+        if (FindEntryIgnoringCase(current, name, found)) {
+          candidate = base + "/" + found;
+        } else {
+          // Nothing by that name: later elements cannot exist either.
+          lookUp = false;
+        }
+      }
+    }
+    current = candidate;
+    ++depth;
+  }
+  hostPath = current;
+  return true;
+}
+
+bool ToHostPath(const WString& windowsPath, std::string& hostPath, std::uint32_t& error) {
+  std::size_t depth = 0;
+  return ResolveHostPath(windowsPath, hostPath, depth, error);
+}
+
+bool ToWindowsPath(const std::string& hostPath, WString& windowsPath) {
+  std::string path = hostPath;
+  if (!LexicallyAbsolute(path)) path = WorkingDirectory() + "/" + path;
+  std::string lexical = NormaliseHostPath(path);
+  std::string real = lexical;
+  if (char* resolved = ::realpath(lexical.c_str(), nullptr)) {
+    real = resolved;
+    std::free(resolved);
+  }
+
+  auto below = [](const std::string& p, const std::string& root, std::string& rest) {
+    if (root == "/") {
+      rest = p == "/" ? "" : p.substr(1);
+      return true;
+    }
+    if (p == root) {
+      rest.clear();
+      return true;
+    }
+    if (p.size() > root.size() && p.compare(0, root.size(), root) == 0 && p[root.size()] == '/') {
+      rest = p.substr(root.size() + 1);
+      return true;
+    }
+    return false;
+  };
+
+  std::size_t bestLength = 0;
+  bool found = false;
+  WChar bestLetter = 0;
+  std::string bestRest;
+  // Z: comes last, so that a drive mapping the same folder wins over it.
+  for (int k = 0; k < 26; ++k) {
+    WChar letter = static_cast<WChar>(u'A' + k);
+    std::string target = DriveTarget(letter);
+    if (target.empty()) continue;
+    std::vector<std::string> roots{target};
+    if (char* resolved = ::realpath(target.c_str(), nullptr)) {
+      if (target != resolved) roots.emplace_back(resolved);
+      std::free(resolved);
+    }
+    for (const std::string& root : roots) {
+      for (const std::string& p : {lexical, real}) {
+        std::string rest;
+        if (!below(p, root, rest)) continue;
+        std::size_t length = root == "/" ? 0 : root.size();
+        if (!found || length > bestLength) {
+          found = true;
+          bestLength = length;
+          bestLetter = letter;
+          bestRest = rest;
+        }
+      }
+    }
+  }
+  if (!found) return false;
+  windowsPath = WString{bestLetter, u':', u'\\'};
+  WString rest = Utf8ToWide(bestRest);
+  for (WChar& c : rest) {
+    if (c == u'/') c = u'\\';
+  }
+  windowsPath += rest;
+  return true;
+}
+
+int DepthBelowDriveRoot(const std::string& hostPath) {
+  WString windows;
+  if (!ToWindowsPath(hostPath, windows)) return -1;
+  int depth = 0;
+  for (std::size_t i = 3; i < windows.size(); ++i) {
+    if (windows[i] == u'\\') ++depth;
+  }
+  return windows.size() > 3 ? depth + 1 : 0;
+}
+
+}  // namespace qv::platform::posix
