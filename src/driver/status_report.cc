@@ -1,5 +1,6 @@
 #include "driver/status_report.h"
 
+#include "paths/failure.h"
 #include "paths/guarded_files.h"
 #include "paths/path_rules.h"
 #include "payload/payload.h"

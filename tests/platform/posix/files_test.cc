@@ -200,7 +200,7 @@ TEST_F(PrefixTest, CopyCreateWriteDelete) {
   Handle file = CreateFileW(u"C:\\new.tmp", kGenericWrite, 0, kCreateNew, kFileAttributeNormal);
   ASSERT_NE(file, kInvalidHandle);
   std::uint32_t written = 0;
-  ASSERT_TRUE(WriteFile(file, "abc", 3, written));
+  ASSERT_TRUE(::qv::platform::WriteFile(file, "abc", 3, written));
   EXPECT_EQ(written, 3u);
   EXPECT_TRUE(FlushFileBuffers(file));
   EXPECT_TRUE(CloseHandle(file));
