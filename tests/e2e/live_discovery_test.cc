@@ -54,7 +54,7 @@ class LiveDiscoveryTest : public ::testing::Test {
               SystemRegText(prefix_.sid, "\"C:\\\\users\\\\" + prefix_.userName + "\"", machineKeys));
     WriteFile(prefix_.root + "/user.reg", UserRegText(prefix_.sid, userKeys));
   }
-  RunResult Status() { return Run(ToolBinary(), {"/status"}, prefix_.Env()); }
+  RunResult Status() { return test::Run(ToolBinary(), {"/status"}, prefix_.Env()); }
   std::string Webdeploy(const std::string& build) const {
     return prefix_.LocalHost() + "/Autodesk/webdeploy/production/" + build;
   }
@@ -106,7 +106,7 @@ TEST_F(LiveDiscoveryTest, UninstallValuesLeadToTheExecutableBesideThem) {
                {"DisplayIcon", Sz("C:\\PROGRAM FILES\\quoted\\fusion.ico")}}));
   auto env = prefix_.Env();
   env["QV_FUSION_ROOT"] = "C:\\Program Files";
-  RunResult r = Run(ToolBinary(), {"/status"}, env);
+  RunResult r = test::Run(ToolBinary(), {"/status"}, env);
   ASSERT_EQ(r.err, "");
   EXPECT_EQ(ReportedPaths(r.out),
             (std::vector<std::string>{"C:\\Program Files\\Quoted\\Fusion360.exe", "C:\\Program Files\\Bare\\Fusion360.exe",
@@ -198,7 +198,7 @@ TEST_F(LiveDiscoveryTest, ProcessFailuresStopDiscovery) {
   // A process table that cannot be listed.
   std::map<std::string, std::string> env = prefix_.Env();
   env["QUORVANE_PROC_ROOT"] = dir_ / "no-such-proc";
-  r = Run(ToolBinary(), {"/status"}, env);
+  r = test::Run(ToolBinary(), {"/status"}, env);
   EXPECT_EQ(r.exitCode, 5);
   EXPECT_EQ(r.err, "Cannot enumerate Fusion processes.\n");
 }
@@ -229,12 +229,12 @@ TEST_F(LiveDiscoveryTest, RestartNotesFollowARunningFusion) {
   MakeFusionInstallation(Webdeploy("build1"));
   MakePackage(dir_ / "package");
   AddFixtureProcess(prefix_.procRoot, 400, "C:\\x\\FusionLauncher.exe", "FusionLauncher.", ::getuid() + 1, 12345);
-  RunResult r = Run(ToolBinary(), {"/install", "/package", dir_ / "package"}, prefix_.Env());
+  RunResult r = test::Run(ToolBinary(), {"/install", "/package", dir_ / "package"}, prefix_.Env());
   ASSERT_EQ(r.exitCode, 0) << r.err;
   EXPECT_NE(r.out.find("Quorvane installed/updated.\nRestart Autodesk Fusion to activate/update the Quorvane.\n"),
             std::string::npos)
       << r.out;
-  r = Run(ToolBinary(), {"/uninstall"}, prefix_.Env());
+  r = test::Run(ToolBinary(), {"/uninstall"}, prefix_.Env());
   ASSERT_EQ(r.exitCode, 0) << r.err;
   EXPECT_NE(r.out.find("Quorvane uninstalled. Settings and ODB++ outputs preserved.\n"
                        "Restart Autodesk Fusion to complete removal.\n"),
@@ -242,7 +242,7 @@ TEST_F(LiveDiscoveryTest, RestartNotesFollowARunningFusion) {
       << r.out;
   // Without the launcher, no notes.
   std::system(("rm -rf " + prefix_.procRoot + "/400").c_str());
-  r = Run(ToolBinary(), {"/install", "/package", dir_ / "package"}, prefix_.Env());
+  r = test::Run(ToolBinary(), {"/install", "/package", dir_ / "package"}, prefix_.Env());
   ASSERT_EQ(r.exitCode, 0) << r.err;
   EXPECT_EQ(r.out.find("Restart"), std::string::npos);
 }
