@@ -58,7 +58,7 @@ namespace qv::platform {
 bool CloseHandle(Handle handle) {
   QV_FAULT_POINT("CloseHandle", return false);
   // The own process's pseudo-handle needs no closing.
-  if (handle == kCurrentProcessHandle) return true;
+  if (handle == posix::kCurrentProcessHandle) return true;
   if (!posix::ReleaseHandle(handle)) {
     SetLastError(kErrorInvalidHandle);
     return false;
