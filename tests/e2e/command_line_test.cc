@@ -85,7 +85,8 @@ TEST(CommandLineFolders, MissingPerUserFoldersEndWithCode3) {
     EXPECT_EQ(r.out, "");
   }
   // Garbage registry files read as an empty registry: the same answer.
-  WriteFile(dir / "garbage/system.reg", std::string("\x00\xff[[[\\x\n\"=\n", 13));
+  const char garbage[] = "\x00\xff[[[\\x\n\"=\n";
+  WriteFile(dir / "garbage/system.reg", std::string(garbage, sizeof garbage - 1));
   WriteFile(dir / "garbage/user.reg", "WINE REGISTRY Version 2\n;; All keys relative to");
   RunResult r = test::Run(ToolBinary(), {"/status"}, {{"WINEPREFIX", dir / "garbage"}, {"QUORVANE_PROC_ROOT", dir.path()}});
   EXPECT_EQ(r.exitCode, 3);
