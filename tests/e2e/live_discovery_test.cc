@@ -66,54 +66,52 @@ class LiveDiscoveryTest : public ::testing::Test {
 };
 
 TEST_F(LiveDiscoveryTest, UninstallValuesLeadToTheExecutableBesideThem) {
-  MakeFusionInstallation(prefix_.C("Program Files/Quoted"));
-  MakeFusionInstallation(prefix_.C("Program Files/Bare"));
-  MakeFusionInstallation(prefix_.C("Program Files/Located"));
-  MakeFusionInstallation(prefix_.C("Program Files/Binned/bin"));
-  MakeFusionInstallation(prefix_.C("Program Files/Half"));
-  MakeFusionInstallation(prefix_.C("Program Files/Ignored"));
-  MakeFusionInstallation(prefix_.C("Program Files/Expanded"));
+  // Each installation in a folder of its own: an icon also leads to a scan of
+  // the folder two levels above it, which here holds only that installation.
+  for (const char* folder : {"Quoted/Fusion", "Bare/Fusion", "Located/Fusion", "Binned/Fusion/bin", "Half/Fusion",
+                             "Ignored/Fusion", "Expanded/Fusion"}) {
+    MakeFusionInstallation(prefix_.C(folder));
+  }
   MakeDirs(prefix_.RoamingHost() + "/Autodesk/Autodesk Fusion 360/API");
   SetRegistry(
-      // A quoted icon path with an index, an icon file beside the executable.
-      Key(Uninstall("A"), {{"DisplayName", Sz("Autodesk Fusion")},
-                           {"DisplayIcon", Sz("\"C:\\Program Files\\Quoted\\fusion.ico\",0")}}) +
+      // The 32-bit view is scanned before the 64-bit one, so this text of
+      // the entry is the one that stays; the same entry in the 64-bit view
+      // adds nothing new.
+      Key("Software\\Wow6432Node\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\A",
+          {{"DisplayName", Sz("Autodesk Fusion")}, {"DisplayIcon", Sz("C:\\QUOTED\\Fusion\\fusion.ico")}}) +
+          // A quoted icon path with an index, an icon file beside the executable.
+          Key(Uninstall("A"), {{"DisplayName", Sz("Autodesk Fusion")},
+                               {"DisplayIcon", Sz("\"C:\\Quoted\\Fusion\\fusion.ico\",0")}}) +
           // Unquoted with an index; the display name in capitals.
           Key(Uninstall("B"), {{"DisplayName", Sz("AUTODESK FUSION 360")},
-                               {"DisplayIcon", Sz("C:\\Program Files\\Bare\\Fusion360.exe,3")}}) +
+                               {"DisplayIcon", Sz("C:\\Bare\\Fusion\\Fusion360.exe,3")}}) +
           // An install location with a trailing separator; one whose
           // executable lies in bin adds only that one.
           Key(Uninstall("C"), {{"DisplayName", Sz("Autodesk Fusion")},
-                               {"InstallLocation", Sz("C:\\Program Files\\Located\\")}}) +
+                               {"InstallLocation", Sz("C:\\Located\\Fusion\\")}}) +
           Key(Uninstall("D"), {{"DisplayName", Sz("Autodesk Fusion 360")},
-                               {"InstallLocation", Sz("C:\\Program Files\\Binned")}}) +
+                               {"InstallLocation", Sz("C:\\Binned\\Fusion")}}) +
           // A quote that does not close gives no icon path; the location
           // is read all the same.
           Key(Uninstall("E"), {{"DisplayName", Sz("Autodesk Fusion")},
-                               {"DisplayIcon", Sz("\"C:\\Program Files\\Ignored\\Fusion360.exe")},
-                               {"InstallLocation", Sz("C:\\Program Files\\Half")}}) +
+                               {"DisplayIcon", Sz("\"C:\\Ignored\\Fusion\\Fusion360.exe")},
+                               {"InstallLocation", Sz("C:\\Half\\Fusion")}}) +
           // Names with anything around them, and bare file names, lead
           // nowhere.
           Key(Uninstall("F"), {{"DisplayName", Sz("Autodesk Fusion 360 (Beta)")},
-                               {"InstallLocation", Sz("C:\\Program Files\\Ignored")}}) +
+                               {"InstallLocation", Sz("C:\\Ignored\\Fusion")}}) +
           Key(Uninstall("G"), {{"DisplayName", Sz("Autodesk Fusion")}, {"DisplayIcon", Sz("Fusion360.exe")}}) +
           // REG_EXPAND_SZ is expanded in the setup's environment.
           Key(Uninstall("H"), {{"DisplayName", Sz("Autodesk Fusion")},
-                               {"InstallLocation", "str(2):\"%QV_FUSION_ROOT%\\\\Expanded\""}}) +
-          // The same entry seen through the 32-bit view adds nothing new.
-          Key("Software\\Wow6432Node\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\A",
-              {{"DisplayName", Sz("Autodesk Fusion")},
-               {"DisplayIcon", Sz("C:\\PROGRAM FILES\\quoted\\fusion.ico")}}));
+                               {"InstallLocation", "str(2):\"%QV_FUSION_ROOT%\\\\Fusion\""}}));
   auto env = prefix_.Env();
-  env["QV_FUSION_ROOT"] = "C:\\Program Files";
+  env["QV_FUSION_ROOT"] = "C:\\Expanded";
   RunResult r = test::Run(ToolBinary(), {"/status"}, env);
   ASSERT_EQ(r.err, "");
   EXPECT_EQ(ReportedPaths(r.out),
-            (std::vector<std::string>{"C:\\Program Files\\Quoted\\Fusion360.exe", "C:\\Program Files\\Bare\\Fusion360.exe",
-                                      "C:\\Program Files\\Located\\Fusion360.exe",
-                                      "C:\\Program Files\\Binned\\bin\\Fusion360.exe",
-                                      "C:\\Program Files\\Half\\Fusion360.exe",
-                                      "C:\\Program Files\\Expanded\\Fusion360.exe"}))
+            (std::vector<std::string>{"C:\\QUOTED\\Fusion\\Fusion360.exe", "C:\\Bare\\Fusion\\Fusion360.exe",
+                                      "C:\\Located\\Fusion\\Fusion360.exe", "C:\\Binned\\Fusion\\bin\\Fusion360.exe",
+                                      "C:\\Half\\Fusion\\Fusion360.exe", "C:\\Expanded\\Fusion\\Fusion360.exe"}))
       << r.out;
 }
 
