@@ -19,7 +19,7 @@ namespace qv::test {
 namespace {
 
 bool ProcessNamed(const std::string& name) {
-  RunResult r = Run("/bin/sh", {"-c", "cat /proc/[0-9]*/comm 2>/dev/null"});
+  RunResult r = test::Run("/bin/sh", {"-c", "cat /proc/[0-9]*/comm 2>/dev/null"});
   return r.out.find(name + "\n") != std::string::npos;
 }
 
@@ -34,7 +34,7 @@ TEST(WinePrefix, RegistryAndRunningFusionAreBothFound) {
   MakeFusionInstallation(drive + "/PortableFusion/bin");
   MakeDirs(drive + "/PortableFusion/PortableData/Roaming/Autodesk/Autodesk Fusion 360/API");
   MakeDirs(drive + "/PortableFusion/PortableData/Local");
-  Run("/bin/cp", {QUORVANE_FUSION_STUB, drive + "/PortableFusion/bin/Fusion360.exe"});
+  test::Run("/bin/cp", {QUORVANE_FUSION_STUB, drive + "/PortableFusion/bin/Fusion360.exe"});
 
   RunResult reg = RunUnderWine(
       prefix, "reg",
@@ -65,8 +65,8 @@ TEST(WinePrefix, RegistryAndRunningFusionAreBothFound) {
   }
   ASSERT_TRUE(ProcessNamed("Fusion360.exe")) << "the Wine process did not come up";
 
-  RunResult status = Run(ToolBinary(), {"/status"}, {{"WINEPREFIX", prefix}, {"QUORVANE_PROC_ROOT", "/proc"}});
-  Run("/usr/lib/wine/wineserver", {"-k"}, {{"WINEPREFIX", prefix}});
+  RunResult status = test::Run(ToolBinary(), {"/status"}, {{"WINEPREFIX", prefix}, {"QUORVANE_PROC_ROOT", "/proc"}});
+  test::Run("/usr/lib/wine/wineserver", {"-k"}, {{"WINEPREFIX", prefix}});
   ::kill(pid, SIGKILL);
   ::waitpid(pid, nullptr, 0);
 
