@@ -3,12 +3,12 @@
 #include <filesystem>
 
 #include "discovery/discovery.h"
-#include "discovery/prefix_test.h"
+#include "discovery/fixture_prefix_test.h"
 
 namespace qv::test {
 namespace {
 
-using ElectronicsApiTest = PrefixTest;
+using ElectronicsApiTest = FixturePrefixTest;
 
 TEST_F(ElectronicsApiTest, NameIsJudgedFromTheTextAlone) {
   EXPECT_FALSE(HasElectronicsApi(u""));

@@ -1,7 +1,7 @@
 // Which Add-In profile a candidate gets: a saved record, the portable
 // layout, then the default profile of an executable that a scan reported.
 #include "discovery/discovery.h"
-#include "discovery/prefix_test.h"
+#include "discovery/fixture_prefix_test.h"
 #include "paths/path_rules.h"
 
 namespace qv::test {
@@ -12,7 +12,7 @@ constexpr char16_t kNeedsApi[] = u"The selected Fusion profile must contain Auto
 constexpr char16_t kUnidentified[] = u"Fusion was found, but its Add-In profile cannot be identified automatically: ";
 constexpr char16_t kNoAppData[] = u"Fusion AppData is unavailable.";
 
-class ProfileIdentificationTest : public PrefixTest {
+class ProfileIdentificationTest : public FixturePrefixTest {
  protected:
   // A Fusion in C:\<root>\<bin>, with the PortableData tree beside its bin
   // folder as asked.

@@ -3,7 +3,7 @@
 #include "discovery/discovery.h"
 #include <filesystem>
 
-#include "discovery/prefix_test.h"
+#include "discovery/fixture_prefix_test.h"
 
 namespace qv::test {
 namespace {
@@ -14,7 +14,7 @@ constexpr char16_t kLacksApi[] = u"Running Fusion lacks the required Electronics
 constexpr char16_t kNeedsApi[] = u"The selected Fusion profile must contain Autodesk\\Autodesk Fusion 360\\API.";
 constexpr char16_t kUnidentified[] = u"Fusion was found, but its Add-In profile cannot be identified automatically: ";
 
-class ReconciliationTest : public PrefixTest {
+class ReconciliationTest : public FixturePrefixTest {
  protected:
   // A profile folder C:\Profiles\<name> holding the API folder.
   WString Profile(const std::string& name) {
@@ -88,8 +88,12 @@ TEST_F(ReconciliationTest, FailuresEmptyTheListAndTheFirstDecides) {
   EXPECT_EQ(error_, WString(kLacksApi) + broken);
   EXPECT_FALSE(Reconcile({good}, {u""}, {}));
   EXPECT_EQ(error_, WString(kLacksApi));
-  ASSERT_TRUE(Reconcile({good, broken}, {}, {{broken, Roaming()}}));
+  ASSERT_TRUE(Reconcile({good}, {}, {{broken, Roaming()}}));
   EXPECT_EQ(Records(installations_), (Pairs{{good, Roaming()}}));
+  // The found list is trusted as it stands; files that vanish after the scan
+  // are caught when the profile is looked for.
+  EXPECT_FALSE(Reconcile({good, broken}, {}, {}));
+  EXPECT_EQ(error_, u"Fusion executable or Electronics API files are missing: " + broken);
 
   // A running Fusion that nothing else knows, outside the portable layout,
   // ends discovery even though an earlier candidate had its profile.

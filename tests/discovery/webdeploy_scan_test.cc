@@ -6,12 +6,12 @@
 #include <filesystem>
 
 #include "discovery/discovery.h"
-#include "discovery/prefix_test.h"
+#include "discovery/fixture_prefix_test.h"
 
 namespace qv::test {
 namespace {
 
-using WebDeployScanTest = PrefixTest;
+using WebDeployScanTest = FixturePrefixTest;
 
 TEST_F(WebDeployScanTest, OnlyCompleteInstallationsInImmediateSubfolders) {
   const WString production = Win("wd/production");

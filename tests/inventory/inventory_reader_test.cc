@@ -1,7 +1,7 @@
 // Reading the saved inventory from real UTF-16 files in a fixture prefix.
 #include "inventory/inventory.h"
 
-#include "discovery/prefix_test.h"
+#include "discovery/fixture_prefix_test.h"
 #include "paths/path_rules.h"
 
 namespace qv::test {
@@ -12,7 +12,7 @@ using Pairs = std::vector<std::pair<WString, WString>>;
 constexpr char16_t kInvalid[] = u"Invalid saved Fusion installation list.";
 constexpr char16_t kIncomplete[] = u"Incomplete saved Fusion installation list.";
 
-class InventoryReaderTest : public PrefixTest {
+class InventoryReaderTest : public FixturePrefixTest {
  protected:
   std::string File() const { return Host("Local/Quorvane/Installation.ini"); }
   void Write(const std::vector<std::string>& lines) { WriteFile(File(), InventoryText(lines)); }

@@ -17,7 +17,7 @@
 
 namespace qv::test {
 
-class PrefixTest : public ::testing::Test {
+class FixturePrefixTest : public ::testing::Test {
  protected:
   void SetUp() override {
     const char* old = std::getenv("WINEPREFIX");
