@@ -24,11 +24,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::size_t visited = 0;
   for (const WineRegistryKeyEntry& entry : registry.keys) {
     if (++visited > 64) break;  // bounded work per input
-    WineKeyExists(registry, entry.foldedPath);
-    WineKeyIsLink(registry, entry.foldedPath);
-    WineSubkeyNames(registry, entry.foldedPath);
-    for (const auto& [name, found] : WineKeyValues(registry, entry.foldedPath)) {
-      FindWineValue(registry, entry.foldedPath, name, value);
+    WineKeyExists(registry, FoldedPath(registry, entry));
+    WineKeyIsLink(registry, FoldedPath(registry, entry));
+    WineSubkeyNames(registry, FoldedPath(registry, entry));
+    for (const auto& [name, found] : WineKeyValues(registry, FoldedPath(registry, entry))) {
+      FindWineValue(registry, FoldedPath(registry, entry), name, value);
     }
   }
   return 0;

@@ -213,8 +213,8 @@ TEST(WineRegistryReader, DamagedFilesNeverBreakTheReader) {
     const auto registry = ParseWineRegistry(bytes);
     WineRegistryValue value;
     for (const auto& entry : registry.keys) {
-      posix::WineKeyValues(registry, entry.foldedPath);
-      WineSubkeyNames(registry, entry.foldedPath);
+      posix::WineKeyValues(registry, FoldedPath(registry, entry));
+      WineSubkeyNames(registry, FoldedPath(registry, entry));
     }
     FindWineValue(registry, u"Software\\Key é", u"b", value);
     WineSubkeyNames(registry, u"");
