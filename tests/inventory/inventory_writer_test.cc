@@ -148,7 +148,7 @@ int SaveOverOldWithFaults(const test::FixturePrefix& prefix) {
 }
 
 TEST(InventoryWriterFaultTest, FailedWriteFlushOrRenameRemovesTheTemporaryFile) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  test::FreshProcessDeathTests fresh;
   EXPECT_EXIT(test::RunWithFaults("MoveFileExW@1=5", SaveOverOldWithFaults), ::testing::ExitedWithCode(0), "");
   EXPECT_EXIT(test::RunWithFaults("WriteFile@1=112", SaveOverOldWithFaults), ::testing::ExitedWithCode(0), "");
   EXPECT_EXIT(test::RunWithFaults("FlushFileBuffers@1=29", SaveOverOldWithFaults), ::testing::ExitedWithCode(0), "");

@@ -88,5 +88,23 @@ TEST_F(AddInPreparationTest, WhatCannotBeWrittenInThePreparedFolderFails) {
   EXPECT_EQ(ReadFile(Host("stateIsFolder/Bin/Quorvane_Helper.exe")), "new:helper");
 }
 
+#if defined(QUORVANE_FAULT_INJECTION)
+
+TEST(AddInPreparationFaultTest, StateFileThatCannotBeWrittenFailsWithoutWords) {
+  test::FreshProcessDeathTests fresh;
+  EXPECT_EXIT(test::RunWithFaults("WriteFile@1=112",
+                                  [](const test::FixturePrefix& prefix) {
+                                    test::MakePackage(prefix.C("pkg"));
+                                    WString error = u"untouched";
+                                    if (PrepareAddIn(test::WinPath("pkg"), test::WinPath("prepared"), error)) return 1;
+                                    if (error != u"untouched") return 2;
+                                    // Payload and helper are in place before the state file.
+                                    return IsAddInHealthy(test::WinPath("prepared")) ? 0 : 3;
+                                  }),
+              ::testing::ExitedWithCode(0), "");
+}
+
+#endif
+
 }  // namespace
 }  // namespace qv

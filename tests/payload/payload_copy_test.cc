@@ -148,7 +148,7 @@ TEST_F(PayloadCopyTest, FolderThatCannotBeListedEndsTheCopyWithItsCode) {
 #if defined(QUORVANE_FAULT_INJECTION)
 
 TEST(PayloadCopyFaultTest, FailedCopyGivesItsCodeAsSignedNumber) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  test::FreshProcessDeathTests fresh;
   EXPECT_EXIT(test::RunWithFaults("CopyFileW@2=0x80070005",
                                   [](const test::FixturePrefix& prefix) {
                                     WriteFile(prefix.C("src/a.txt"), "a");
@@ -163,7 +163,7 @@ TEST(PayloadCopyFaultTest, FailedCopyGivesItsCodeAsSignedNumber) {
 }
 
 TEST(PayloadCopyFaultTest, EntryWhoseStatusCannotBeHadIsRaised) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  test::FreshProcessDeathTests fresh;
   // The first status query is the source's; the second is the entry's.
   EXPECT_EXIT(test::RunWithFaults("GetFileAttributesExW@2=5",
                                   [](const test::FixturePrefix& prefix) {

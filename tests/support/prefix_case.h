@@ -41,8 +41,21 @@ class PrefixCase : public ::testing::Test {
 // runs `body` on it and ends the child with body's result once the folder is
 // gone. The fault rules are read once per process, hence the fresh process.
 //
-//   GTEST_FLAG_SET(death_test_style, "threadsafe");
+//   test::FreshProcessDeathTests fresh;
 //   EXPECT_EXIT(RunWithFaults("MoveFileExW@1=5", body), ::testing::ExitedWithCode(0), "");
 [[noreturn]] void RunWithFaults(const std::string& faults, const std::function<int(const FixturePrefix&)>& body);
+
+// Makes the death tests of a scope start the test binary afresh ("threadsafe"
+// style) and puts the previous style back when it goes.
+class FreshProcessDeathTests {
+ public:
+  FreshProcessDeathTests() : saved_(GTEST_FLAG_GET(death_test_style)) { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+  ~FreshProcessDeathTests() { GTEST_FLAG_SET(death_test_style, saved_); }
+  FreshProcessDeathTests(const FreshProcessDeathTests&) = delete;
+  FreshProcessDeathTests& operator=(const FreshProcessDeathTests&) = delete;
+
+ private:
+  std::string saved_;
+};
 
 }  // namespace qv::test
