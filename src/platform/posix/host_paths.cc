@@ -152,7 +152,9 @@ bool FullPathName(const WString& name, WString& full, std::uint32_t& error) {
       rest = share == WString::npos ? WString() : path.substr(share + 1);
       root += u'\\';
     }
-  } else if (path.size() >= 2 && path[1] == u':' && IsDriveLetter(path[0])) {
+  } else if (path.size() >= 2 && path[1] == u':') {
+    // Any character before the colon makes a drive, as Windows reads it;
+    // only letters can be mapped to a folder later.
     // The drive letter keeps the case it was given.
     WString drive{path[0], u':'};
     if (path.size() >= 3 && path[2] == u'\\') {

@@ -1,0 +1,38 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds every configuration and runs all tests:
+# unit and end-to-end tests of the dev build (sanitizers, fault injection),
+# the fuzz targets under libFuzzer for a bounded time, the MinGW-w64 build
+# and the checks against Wine. The last line is ctest's summary.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+./scripts/install-deps.sh
+
+jobs=$(nproc)
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+
+# Runs a build step quietly; shows its output only when it fails.
+quiet() {
+  if ! "$@" >"$log" 2>&1; then
+    tail -n 80 "$log"
+    echo "FAILED: $*"
+    exit 1
+  fi
+}
+
+echo "== Windows build (MinGW-w64)"
+quiet cmake --preset windows
+quiet cmake --build --preset windows -j"$jobs"
+
+echo "== Fuzz targets (clang, libFuzzer)"
+quiet cmake --preset fuzz
+quiet cmake --build --preset fuzz -j"$jobs"
+
+echo "== Dev build (sanitizers, fault injection)"
+quiet cmake --preset dev
+quiet cmake --build --preset dev -j"$jobs"
+
+echo "== Tests"
+cd build/dev
+ctest -j"$jobs" --timeout 600 --output-on-failure 2>&1 | tail -n 400

@@ -1,0 +1,132 @@
+// File operations of the seam: the Win32 calls themselves.
+#include <windows.h>
+
+#include <vector>
+
+#include "platform/fault_injection.h"
+#include "platform/win32/win32_util.h"
+
+namespace qv::platform {
+
+using win32::FromH;
+using win32::H;
+using win32::W;
+
+std::uint32_t GetFileAttributesW(const WString& path) {
+  QV_FAULT_POINT("GetFileAttributesW", return kInvalidFileAttributes, path);
+  return ::GetFileAttributesW(W(path));
+}
+
+bool GetFileAttributesExW(const WString& path, NodeType& type) {
+  QV_FAULT_POINT("GetFileAttributesExW", return false, path);
+  WIN32_FILE_ATTRIBUTE_DATA data;
+  if (!::GetFileAttributesExW(W(path), GetFileExInfoStandard, &data)) return false;
+  DWORD attributes = data.dwFileAttributes;
+  if (attributes & FILE_ATTRIBUTE_REPARSE_POINT) {
+    // Follow the link: the target's own information decides.
+    HANDLE file = ::CreateFileW(W(path), 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+    if (file == INVALID_HANDLE_VALUE) return false;
+    FILE_BASIC_INFO info;
+    BOOL ok = ::GetFileInformationByHandleEx(file, FileBasicInfo, &info, sizeof info);
+    DWORD error = ::GetLastError();
+    ::CloseHandle(file);
+    if (!ok) {
+      ::SetLastError(error);
+      return false;
+    }
+    attributes = info.FileAttributes;
+  }
+  if (attributes & FILE_ATTRIBUTE_DIRECTORY) type = NodeType::Directory;
+  else if (attributes & FILE_ATTRIBUTE_DEVICE) type = NodeType::Other;
+  else type = NodeType::RegularFile;
+  return true;
+}
+
+bool CreateDirectoryW(const WString& path) {
+  QV_FAULT_POINT("CreateDirectoryW", return false, path);
+  return ::CreateDirectoryW(W(path), nullptr) != 0;
+}
+
+bool MoveFileExW(const WString& from, const WString& to, std::uint32_t flags) {
+  QV_FAULT_POINT("MoveFileExW", return false, from, to);
+  return ::MoveFileExW(W(from), W(to), flags) != 0;
+}
+
+bool CopyFileW(const WString& from, const WString& to, bool failIfExists) {
+  QV_FAULT_POINT("CopyFileW", return false, from, to);
+  return ::CopyFileW(W(from), W(to), failIfExists) != 0;
+}
+
+bool DeleteFileW(const WString& path) {
+  QV_FAULT_POINT("DeleteFileW", return false, path);
+  return ::DeleteFileW(W(path)) != 0;
+}
+
+Handle CreateFileW(const WString& path, std::uint32_t desiredAccess, std::uint32_t shareMode,
+                   std::uint32_t creationDisposition, std::uint32_t flagsAndAttributes) {
+  QV_FAULT_POINT("CreateFileW", return kInvalidHandle, path);
+  HANDLE file = ::CreateFileW(W(path), desiredAccess, shareMode, nullptr, creationDisposition, flagsAndAttributes,
+                              nullptr);
+  return file == INVALID_HANDLE_VALUE ? kInvalidHandle : FromH(file);
+}
+
+bool WriteFile(Handle file, const void* data, std::uint32_t size, std::uint32_t& written) {
+  QV_FAULT_POINT("WriteFile", return false);
+  DWORD count = 0;
+  BOOL ok = ::WriteFile(H(file), data, size, &count, nullptr);
+  written = count;
+  return ok != 0;
+}
+
+bool FlushFileBuffers(Handle file) {
+  QV_FAULT_POINT("FlushFileBuffers", return false);
+  return ::FlushFileBuffers(H(file)) != 0;
+}
+
+bool CloseHandle(Handle handle) {
+  QV_FAULT_POINT("CloseHandle", return false);
+  return ::CloseHandle(H(handle)) != 0;
+}
+
+Handle FindFirstFileW(const WString& pattern, FindData& data) {
+  QV_FAULT_POINT("FindFirstFileW", return kInvalidHandle, pattern);
+  WIN32_FIND_DATAW found;
+  HANDLE search = ::FindFirstFileW(W(pattern), &found);
+  if (search == INVALID_HANDLE_VALUE) return kInvalidHandle;
+  data.attributes = found.dwFileAttributes;
+  data.fileName = win32::FromW(found.cFileName);
+  return FromH(search);
+}
+
+bool FindNextFileW(Handle search, FindData& data) {
+  QV_FAULT_POINT("FindNextFileW", return false);
+  WIN32_FIND_DATAW found;
+  if (!::FindNextFileW(H(search), &found)) return false;
+  data.attributes = found.dwFileAttributes;
+  data.fileName = win32::FromW(found.cFileName);
+  return true;
+}
+
+bool FindClose(Handle search) {
+  QV_FAULT_POINT("FindClose", return false);
+  return ::FindClose(H(search)) != 0;
+}
+
+std::uint32_t GetFullPathNameW(const WString& fileName, std::uint32_t bufferLength, WString& result) {
+  QV_FAULT_POINT("GetFullPathNameW", return 0, fileName);
+  std::vector<wchar_t> buffer(bufferLength, L'\0');
+  DWORD n = ::GetFullPathNameW(W(fileName), bufferLength, buffer.data(), nullptr);
+  if (n != 0 && n < bufferLength) result = win32::FromW(buffer.data(), n);
+  return n;
+}
+
+std::uint32_t GetModuleFileNameW(WString& path, std::uint32_t capacity) {
+  QV_FAULT_POINT("GetModuleFileNameW", return 0);
+  std::vector<wchar_t> buffer(capacity, L'\0');
+  DWORD n = ::GetModuleFileNameW(nullptr, buffer.data(), capacity);
+  path = win32::FromW(buffer.data(), n < capacity ? n : (capacity > 0 ? capacity - 1 : 0));
+  return n;
+}
+
+}  // namespace qv::platform
