@@ -1,0 +1,203 @@
+// The Windows process list from the kernel's process table.
+#include <dirent.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <memory>
+#include <vector>
+
+#include "platform/fault_injection.h"
+#include "platform/platform.h"
+#include "platform/posix/handles.h"
+#include "platform/posix/host.h"
+#include "platform/posix/proc_files.h"
+
+namespace qv::platform {
+namespace {
+
+struct Snapshot {
+  std::vector<ProcessEntry> entries;
+  std::size_t next = 0;
+};
+
+// The numeric folders of the process table, in ascending pid order.
+bool ListProcessIds(std::vector<std::uint32_t>& ids, std::uint32_t& error) {
+  std::string root = posix::ProcRoot();
+  DIR* dir = ::opendir(root.c_str());
+  if (dir == nullptr) {
+    error = posix::ErrnoToWinError(errno);
+    return false;
+  }
+  while (const dirent* entry = ::readdir(dir)) {
+    std::string_view name(entry->d_name);
+    if (name.empty() || name.size() > 10 ||
+        !std::all_of(name.begin(), name.end(), [](char c) { return c >= '0' && c <= '9'; })) {
+      continue;
+    }
+    std::uint64_t id = std::stoull(std::string(name));
+    if (id <= 0xFFFFFFFFull) ids.push_back(static_cast<std::uint32_t>(id));
+  }
+  ::closedir(dir);
+  std::sort(ids.begin(), ids.end());
+  return true;
+}
+
+// szExeFile: the last element of argv[0] when Wine put a Windows path there,
+// else the kernel's comm (the file name cut to 15 bytes). False for an entry
+// that has gone meanwhile.
+bool ExeFileName(const std::string& folder, WString& name) {
+  std::string cmdline;
+  int err = 0;
+  if (posix::ReadWholeFile(folder + "/cmdline", cmdline, err)) {
+    std::string first = posix::FirstArgument(cmdline);
+    if (posix::IsAbsoluteWindowsPath(first)) {
+      std::string last = first.substr(first.find_last_of("\\/") + 1);
+      if (!last.empty()) {
+        name = Utf8ToWide(last);
+        return true;
+      }
+    }
+  }
+  std::string comm;
+  if (!posix::ReadWholeFile(folder + "/comm", comm, err)) return false;
+  if (!comm.empty() && comm.back() == '\n') comm.pop_back();
+  name = Utf8ToWide(comm);
+  return true;
+}
+
+bool NextEntry(Handle snapshot, ProcessEntry& entry, bool first) {
+  auto* state = posix::LookUpHandle<Snapshot>(snapshot, posix::HandleKind::Snapshot);
+  if (state == nullptr) {
+    SetLastError(kErrorInvalidHandle);
+    return false;
+  }
+  if (first) state->next = 0;
+  if (state->next >= state->entries.size()) {
+    SetLastError(kErrorNoMoreFiles);
+    return false;
+  }
+  entry = state->entries[state->next++];
+  return true;
+}
+
+bool OwnSessionId(std::uint32_t& session) {
+  std::uint32_t error = 0;
+  if (posix::ReadSessionId("/proc/self", session, error)) return true;
+  SetLastError(error);
+  return false;
+}
+
+}  // namespace
+
+Handle CreateToolhelp32Snapshot() {
+  QV_FAULT_POINT("CreateToolhelp32Snapshot", return kInvalidHandle);
+  std::vector<std::uint32_t> ids;
+  std::uint32_t error = 0;
+  if (!ListProcessIds(ids, error)) {
+    SetLastError(error);
+    return kInvalidHandle;
+  }
+  // The names are read now: the snapshot is a picture of this moment, and a
+  // process that ends before its files are read is simply not in it.
+  auto snapshot = std::make_shared<Snapshot>();
+  std::string root = posix::ProcRoot();
+  for (std::uint32_t id : ids) {
+    ProcessEntry entry;
+    entry.processId = id;
+    if (ExeFileName(root + "/" + std::to_string(id), entry.exeFile)) snapshot->entries.push_back(entry);
+  }
+  return posix::RegisterHandle(posix::HandleKind::Snapshot, snapshot);
+}
+
+bool Process32FirstW(Handle snapshot, ProcessEntry& entry) {
+  QV_FAULT_POINT("Process32FirstW", return false);
+  return NextEntry(snapshot, entry, true);
+}
+
+bool Process32NextW(Handle snapshot, ProcessEntry& entry) {
+  QV_FAULT_POINT("Process32NextW", return false);
+  return NextEntry(snapshot, entry, false);
+}
+
+std::uint32_t GetCurrentProcessId() {
+  QV_FAULT_POINT("GetCurrentProcessId", return 0);
+  return static_cast<std::uint32_t>(::getpid());
+}
+
+Handle GetCurrentProcess() {
+  QV_FAULT_POINT("GetCurrentProcess", return posix::kCurrentProcessHandle);
+  return posix::kCurrentProcessHandle;
+}
+
+bool ProcessIdToSessionId(std::uint32_t processId, std::uint32_t& sessionId) {
+  WString id = DecimalText(processId);
+  QV_FAULT_POINT("ProcessIdToSessionId", return false, id);
+  // The own session comes from the real /proc even when the process table
+  // is a test's own.
+  if (processId == static_cast<std::uint32_t>(::getpid())) return OwnSessionId(sessionId);
+  std::uint32_t error = 0;
+  if (processId == 0 || !posix::ReadSessionId(posix::ProcessFolder(processId), sessionId, error)) {
+    SetLastError(processId == 0 ? kErrorInvalidParameter : error);
+    return false;
+  }
+  return true;
+}
+
+Handle OpenProcess(std::uint32_t desiredAccess, std::uint32_t processId) {
+  (void)desiredAccess;
+  WString id = DecimalText(processId);
+  QV_FAULT_POINT("OpenProcess", return kNullHandle, id);
+  auto process = std::make_shared<posix::OpenedProcess>();
+  std::uint32_t error = 0;
+  if (!posix::LoadOpenedProcess(processId, *process, error)) {
+    SetLastError(error);
+    return kNullHandle;
+  }
+  return posix::RegisterHandle(posix::HandleKind::Process, process);
+}
+
+bool LookUpQueryFullProcessImageNameW() {
+  QV_FAULT_POINT("GetProcAddress", return false, u"QueryFullProcessImageNameW");
+  return true;
+}
+
+bool QueryFullProcessImageNameW(Handle process, WString& path, std::uint32_t capacity) {
+  QV_FAULT_POINT("QueryFullProcessImageNameW", return false);
+  posix::OpenedProcess own;
+  const posix::OpenedProcess* target = nullptr;
+  if (process == posix::kCurrentProcessHandle) {
+    std::uint32_t error = 0;
+    if (!posix::LoadOpenedProcess(static_cast<std::uint32_t>(::getpid()), own, error)) {
+      SetLastError(error);
+      return false;
+    }
+    target = &own;
+  } else {
+    target = posix::LookUpHandle<posix::OpenedProcess>(process, posix::HandleKind::Process);
+    if (target == nullptr) {
+      SetLastError(kErrorInvalidHandle);
+      return false;
+    }
+  }
+  WString image;
+  if (posix::IsAbsoluteWindowsPath(target->firstArgument)) {
+    // Wine's argv[0]; the Win32 form separates with backslashes.
+    image = Utf8ToWide(target->firstArgument);
+    std::replace(image.begin(), image.end(), u'/', u'\\');
+  } else if (target->exeError != 0) {
+    SetLastError(posix::ErrnoToWinError(target->exeError));
+    return false;
+  } else if (!posix::ToWindowsPath(target->exeTarget, image)) {
+    SetLastError(kErrorPathNotFound);
+    return false;
+  }
+  if (image.size() + 1 > capacity) {
+    SetLastError(kErrorInsufficientBuffer);
+    return false;
+  }
+  path = image;
+  return true;
+}
+
+}  // namespace qv::platform

@@ -1,0 +1,97 @@
+// Reader of Wine's registry files (system.reg, user.reg): pure functions over
+// the file's bytes, internal to the posix backend.
+//
+// The file is kept as read. Parsing indexes the key headers only: each
+// "[Key\\Path] time" line becomes an entry with its folded path and the span
+// of lines below it, sorted by path. A key's values are decoded when they are
+// asked for, from the lines of its sections. So looking up one value in a
+// system.reg of 1.7 MB costs one pass over the line starts and the decoding of
+// about 9,000 header names, and the memory is the file plus the index.
+//
+// What Wine's own loader does with the same file is the rule:
+// - the file must begin "WINE REGISTRY Version 2", or it holds no keys;
+// - a line that cannot be read (a bad header, a value with bad data, a value
+//   before any header) is skipped, and a bad header drops the values below it;
+// - a key named by several headers is one key, its values merged, a later
+//   value of the same name replacing an earlier one;
+// - a key exists when it has a header or when any key below it has one;
+// - key and value names compare without regard to case, and subkeys come in
+//   the order of Wine's server: by name with case folded to lower, a name
+//   before any longer name it begins.
+//
+// Case folding: A-Z, the Latin-1 capitals, basic Greek and basic Cyrillic
+// fold to their small letters; other characters compare exactly. Wine folds
+// with full Unicode tables; names outside these ranges are vanishingly rare
+// in the keys this tool reads.
+//
+// Raw bytes of 128 and above inside names and strings are read as UTF-8
+// (Wine itself writes them as \x escapes, so only hand-made files have them).
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "platform/wstring.h"
+
+namespace qv::platform::posix {
+
+// One header of the file and the lines below it, up to the next header.
+struct WineRegistryKeyEntry {
+  WString foldedPath;         // components folded and joined by '\'
+  std::size_t header = 0;     // offset of the header's '['
+  std::size_t bodyBegin = 0;  // first line after the header
+  std::size_t bodyEnd = 0;    // start of the next header line, or the end
+  std::uint32_t order = 0;    // position among the headers, in file order
+  bool link = false;          // the section carries "#link"
+};
+
+struct WineRegistry {
+  std::string text;
+  bool signature = false;  // first line is "WINE REGISTRY Version 2"
+  // The ";; All keys relative to ..." line, unescaped ("REGISTRY\User\S-...").
+  WString relativeTo;
+  // Sorted by foldedPath, entries of one path in file order.
+  std::vector<WineRegistryKeyEntry> keys;
+};
+
+struct WineRegistryValue {
+  std::uint32_t type = 0;
+  std::vector<std::uint8_t> data;
+};
+
+WineRegistry ParseWineRegistry(std::string bytes);
+
+// Wine's case folding of one character and of a name.
+char16_t FoldRegistryChar(char16_t c);
+WString FoldRegistryName(WStringView name);
+// Wine's order of subkey names: negative, zero or positive.
+int CompareRegistryNames(WStringView a, WStringView b);
+
+// Paths below are relative to the file's root, components joined by single
+// backslashes, in any case; the empty path is the root itself.
+
+bool WineKeyExists(const WineRegistry& registry, WStringView path);
+// Whether a header of the key carries "#link" (its target is the value
+// "SymbolicLinkValue").
+bool WineKeyIsLink(const WineRegistry& registry, WStringView path);
+// Names of the key's direct subkeys, in Wine's order, each in the case of
+// its first appearance in the file.
+std::vector<WString> WineSubkeyNames(const WineRegistry& registry, WStringView path);
+// The value of that name ("" for the default value), false when absent.
+bool FindWineValue(const WineRegistry& registry, WStringView path, WStringView name, WineRegistryValue& value);
+// All values of the key, in order of first appearance, later data winning.
+std::vector<std::pair<WString, WineRegistryValue>> WineKeyValues(const WineRegistry& registry, WStringView path);
+
+// The SID of a user.reg whose relativeTo names "REGISTRY\User\<SID>" (or
+// "\User\<SID>"); false when it names none.
+bool UserRegSid(const WineRegistry& registry, WString& sid);
+
+// Decodes an escaped string of the file from `pos` up to the unescaped
+// `terminator`, leaving `pos` just after it. False when the line ends first.
+bool DecodeRegistryString(std::string_view line, std::size_t& pos, char terminator, WString& out);
+
+}  // namespace qv::platform::posix
