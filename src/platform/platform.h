@@ -170,7 +170,8 @@ struct FixedFileInfo {
   std::uint32_t fileVersionLS = 0;
 };
 
-// Size of the file's version resource in bytes, 0 when it has none.
+// Size of the buffer GetFileVersionInfoW needs for the file's version
+// resource, 0 when it has none.
 std::uint32_t GetFileVersionInfoSizeW(const WString& path);
 bool GetFileVersionInfoW(const WString& path, std::uint32_t size, std::vector<std::uint8_t>& data);
 // VerQueryValueW(data, "\\"): the root VS_FIXEDFILEINFO.

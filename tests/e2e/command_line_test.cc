@@ -16,7 +16,7 @@ constexpr char kUninstalled[] = "Quorvane uninstalled. Settings and ODB++ output
 class CommandLineTest : public ::testing::Test {
  protected:
   void SetUp() override { prefix_ = MakeFixturePrefix(dir_.path()); }
-  RunResult Tool(const std::vector<std::string>& args) { return Run(ToolBinary(), args, prefix_.Env()); }
+  RunResult Tool(const std::vector<std::string>& args) { return test::Run(ToolBinary(), args, prefix_.Env()); }
   void Expect(const std::vector<std::string>& args, int code, const std::string& out, const std::string& err) {
     RunResult r = Tool(args);
     EXPECT_EQ(r.exitCode, code) << "args: " << ::testing::PrintToString(args) << "\nstderr: " << r.err;
@@ -79,15 +79,16 @@ TEST(CommandLineFolders, MissingPerUserFoldersEndWithCode3) {
   for (const std::vector<std::string>& args :
        {std::vector<std::string>{"/status"}, {"/status", "/test-appdata", "a", "/test-localappdata", "b"},
         {"/bogus", "/bogus"}}) {
-    RunResult r = Run(ToolBinary(), args, env);
+    RunResult r = test::Run(ToolBinary(), args, env);
     EXPECT_EQ(r.exitCode, 3);
     EXPECT_EQ(r.err, message);
     EXPECT_EQ(r.out, "");
   }
   // Garbage registry files read as an empty registry: the same answer.
-  WriteFile(dir / "garbage/system.reg", std::string("\x00\xff[[[\\x\n\"=\n", 13));
+  const char garbage[] = "\x00\xff[[[\\x\n\"=\n";
+  WriteFile(dir / "garbage/system.reg", std::string(garbage, sizeof garbage - 1));
   WriteFile(dir / "garbage/user.reg", "WINE REGISTRY Version 2\n;; All keys relative to");
-  RunResult r = Run(ToolBinary(), {"/status"}, {{"WINEPREFIX", dir / "garbage"}, {"QUORVANE_PROC_ROOT", dir.path()}});
+  RunResult r = test::Run(ToolBinary(), {"/status"}, {{"WINEPREFIX", dir / "garbage"}, {"QUORVANE_PROC_ROOT", dir.path()}});
   EXPECT_EQ(r.exitCode, 3);
   EXPECT_EQ(r.err, message);
 }
@@ -97,7 +98,7 @@ TEST(CommandLineFolders, FoldersFromTheShellOrTheOwnAccountWithoutAProfileList) 
   FixturePrefix prefix = MakeFixturePrefix(dir.path(), /*profileList=*/false);
   // No ProfileList entry: the process's own account names the folders, and
   // they exist in the prefix, so the run goes on.
-  RunResult r = Run(ToolBinary(), {"/status"}, prefix.Env());
+  RunResult r = test::Run(ToolBinary(), {"/status"}, prefix.Env());
   EXPECT_EQ(r.exitCode, 1) << r.err;
   EXPECT_EQ(r.out, kEmptyReport);
 }

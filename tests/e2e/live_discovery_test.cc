@@ -54,7 +54,7 @@ class LiveDiscoveryTest : public ::testing::Test {
               SystemRegText(prefix_.sid, "\"C:\\\\users\\\\" + prefix_.userName + "\"", machineKeys));
     WriteFile(prefix_.root + "/user.reg", UserRegText(prefix_.sid, userKeys));
   }
-  RunResult Status() { return Run(ToolBinary(), {"/status"}, prefix_.Env()); }
+  RunResult Status() { return test::Run(ToolBinary(), {"/status"}, prefix_.Env()); }
   std::string Webdeploy(const std::string& build) const {
     return prefix_.LocalHost() + "/Autodesk/webdeploy/production/" + build;
   }
@@ -66,54 +66,52 @@ class LiveDiscoveryTest : public ::testing::Test {
 };
 
 TEST_F(LiveDiscoveryTest, UninstallValuesLeadToTheExecutableBesideThem) {
-  MakeFusionInstallation(prefix_.C("Program Files/Quoted"));
-  MakeFusionInstallation(prefix_.C("Program Files/Bare"));
-  MakeFusionInstallation(prefix_.C("Program Files/Located"));
-  MakeFusionInstallation(prefix_.C("Program Files/Binned/bin"));
-  MakeFusionInstallation(prefix_.C("Program Files/Half"));
-  MakeFusionInstallation(prefix_.C("Program Files/Ignored"));
-  MakeFusionInstallation(prefix_.C("Program Files/Expanded"));
+  // Each installation in a folder of its own: an icon also leads to a scan of
+  // the folder two levels above it, which here holds only that installation.
+  for (const char* folder : {"Quoted/Fusion", "Bare/Fusion", "Located/Fusion", "Binned/Fusion/bin", "Half/Fusion",
+                             "Ignored/Fusion", "Expanded/Fusion"}) {
+    MakeFusionInstallation(prefix_.C(folder));
+  }
   MakeDirs(prefix_.RoamingHost() + "/Autodesk/Autodesk Fusion 360/API");
   SetRegistry(
-      // A quoted icon path with an index, an icon file beside the executable.
-      Key(Uninstall("A"), {{"DisplayName", Sz("Autodesk Fusion")},
-                           {"DisplayIcon", Sz("\"C:\\Program Files\\Quoted\\fusion.ico\",0")}}) +
+      // The 32-bit view is scanned before the 64-bit one, so this text of
+      // the entry is the one that stays; the same entry in the 64-bit view
+      // adds nothing new.
+      Key("Software\\Wow6432Node\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\A",
+          {{"DisplayName", Sz("Autodesk Fusion")}, {"DisplayIcon", Sz("C:\\QUOTED\\Fusion\\fusion.ico")}}) +
+          // A quoted icon path with an index, an icon file beside the executable.
+          Key(Uninstall("A"), {{"DisplayName", Sz("Autodesk Fusion")},
+                               {"DisplayIcon", Sz("\"C:\\Quoted\\Fusion\\fusion.ico\",0")}}) +
           // Unquoted with an index; the display name in capitals.
           Key(Uninstall("B"), {{"DisplayName", Sz("AUTODESK FUSION 360")},
-                               {"DisplayIcon", Sz("C:\\Program Files\\Bare\\Fusion360.exe,3")}}) +
+                               {"DisplayIcon", Sz("C:\\Bare\\Fusion\\Fusion360.exe,3")}}) +
           // An install location with a trailing separator; one whose
           // executable lies in bin adds only that one.
           Key(Uninstall("C"), {{"DisplayName", Sz("Autodesk Fusion")},
-                               {"InstallLocation", Sz("C:\\Program Files\\Located\\")}}) +
+                               {"InstallLocation", Sz("C:\\Located\\Fusion\\")}}) +
           Key(Uninstall("D"), {{"DisplayName", Sz("Autodesk Fusion 360")},
-                               {"InstallLocation", Sz("C:\\Program Files\\Binned")}}) +
+                               {"InstallLocation", Sz("C:\\Binned\\Fusion")}}) +
           // A quote that does not close gives no icon path; the location
           // is read all the same.
           Key(Uninstall("E"), {{"DisplayName", Sz("Autodesk Fusion")},
-                               {"DisplayIcon", Sz("\"C:\\Program Files\\Ignored\\Fusion360.exe")},
-                               {"InstallLocation", Sz("C:\\Program Files\\Half")}}) +
+                               {"DisplayIcon", Sz("\"C:\\Ignored\\Fusion\\Fusion360.exe")},
+                               {"InstallLocation", Sz("C:\\Half\\Fusion")}}) +
           // Names with anything around them, and bare file names, lead
           // nowhere.
           Key(Uninstall("F"), {{"DisplayName", Sz("Autodesk Fusion 360 (Beta)")},
-                               {"InstallLocation", Sz("C:\\Program Files\\Ignored")}}) +
+                               {"InstallLocation", Sz("C:\\Ignored\\Fusion")}}) +
           Key(Uninstall("G"), {{"DisplayName", Sz("Autodesk Fusion")}, {"DisplayIcon", Sz("Fusion360.exe")}}) +
           // REG_EXPAND_SZ is expanded in the setup's environment.
           Key(Uninstall("H"), {{"DisplayName", Sz("Autodesk Fusion")},
-                               {"InstallLocation", "str(2):\"%QV_FUSION_ROOT%\\\\Expanded\""}}) +
-          // The same entry seen through the 32-bit view adds nothing new.
-          Key("Software\\Wow6432Node\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\A",
-              {{"DisplayName", Sz("Autodesk Fusion")},
-               {"DisplayIcon", Sz("C:\\PROGRAM FILES\\quoted\\fusion.ico")}}));
+                               {"InstallLocation", "str(2):\"%QV_FUSION_ROOT%\\\\Fusion\""}}));
   auto env = prefix_.Env();
-  env["QV_FUSION_ROOT"] = "C:\\Program Files";
-  RunResult r = Run(ToolBinary(), {"/status"}, env);
+  env["QV_FUSION_ROOT"] = "C:\\Expanded";
+  RunResult r = test::Run(ToolBinary(), {"/status"}, env);
   ASSERT_EQ(r.err, "");
   EXPECT_EQ(ReportedPaths(r.out),
-            (std::vector<std::string>{"C:\\Program Files\\Quoted\\Fusion360.exe", "C:\\Program Files\\Bare\\Fusion360.exe",
-                                      "C:\\Program Files\\Located\\Fusion360.exe",
-                                      "C:\\Program Files\\Binned\\bin\\Fusion360.exe",
-                                      "C:\\Program Files\\Half\\Fusion360.exe",
-                                      "C:\\Program Files\\Expanded\\Fusion360.exe"}))
+            (std::vector<std::string>{"C:\\QUOTED\\Fusion\\Fusion360.exe", "C:\\Bare\\Fusion\\Fusion360.exe",
+                                      "C:\\Located\\Fusion\\Fusion360.exe", "C:\\Binned\\Fusion\\bin\\Fusion360.exe",
+                                      "C:\\Half\\Fusion\\Fusion360.exe", "C:\\Expanded\\Fusion\\Fusion360.exe"}))
       << r.out;
 }
 
@@ -198,7 +196,7 @@ TEST_F(LiveDiscoveryTest, ProcessFailuresStopDiscovery) {
   // A process table that cannot be listed.
   std::map<std::string, std::string> env = prefix_.Env();
   env["QUORVANE_PROC_ROOT"] = dir_ / "no-such-proc";
-  r = Run(ToolBinary(), {"/status"}, env);
+  r = test::Run(ToolBinary(), {"/status"}, env);
   EXPECT_EQ(r.exitCode, 5);
   EXPECT_EQ(r.err, "Cannot enumerate Fusion processes.\n");
 }
@@ -229,12 +227,12 @@ TEST_F(LiveDiscoveryTest, RestartNotesFollowARunningFusion) {
   MakeFusionInstallation(Webdeploy("build1"));
   MakePackage(dir_ / "package");
   AddFixtureProcess(prefix_.procRoot, 400, "C:\\x\\FusionLauncher.exe", "FusionLauncher.", ::getuid() + 1, 12345);
-  RunResult r = Run(ToolBinary(), {"/install", "/package", dir_ / "package"}, prefix_.Env());
+  RunResult r = test::Run(ToolBinary(), {"/install", "/package", dir_ / "package"}, prefix_.Env());
   ASSERT_EQ(r.exitCode, 0) << r.err;
   EXPECT_NE(r.out.find("Quorvane installed/updated.\nRestart Autodesk Fusion to activate/update the Quorvane.\n"),
             std::string::npos)
       << r.out;
-  r = Run(ToolBinary(), {"/uninstall"}, prefix_.Env());
+  r = test::Run(ToolBinary(), {"/uninstall"}, prefix_.Env());
   ASSERT_EQ(r.exitCode, 0) << r.err;
   EXPECT_NE(r.out.find("Quorvane uninstalled. Settings and ODB++ outputs preserved.\n"
                        "Restart Autodesk Fusion to complete removal.\n"),
@@ -242,7 +240,7 @@ TEST_F(LiveDiscoveryTest, RestartNotesFollowARunningFusion) {
       << r.out;
   // Without the launcher, no notes.
   std::system(("rm -rf " + prefix_.procRoot + "/400").c_str());
-  r = Run(ToolBinary(), {"/install", "/package", dir_ / "package"}, prefix_.Env());
+  r = test::Run(ToolBinary(), {"/install", "/package", dir_ / "package"}, prefix_.Env());
   ASSERT_EQ(r.exitCode, 0) << r.err;
   EXPECT_EQ(r.out.find("Restart"), std::string::npos);
 }

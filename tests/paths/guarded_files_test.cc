@@ -62,9 +62,10 @@ class GuardedFilesTest : public ::testing::Test {
   bool hadPrefix_ = false;
 };
 
-// Runs `check` in a child process under an account that root's permission
-// bypass does not cover, so that a folder of mode 0700 really cannot be
-// read. Returns the child's exit code, or -1 when it did not exit.
+// Runs `check` in a child process that folder modes apply to: root, which
+// passes over them, gives up its powers there and runs as nobody, so that a
+// folder of mode 0000 really cannot be read. Returns the child's exit code,
+// or -1 when it did not exit.
 int RunWithoutRootPowers(const std::function<int()>& check) {
   const pid_t child = ::fork();
   if (child == 0) {
@@ -147,7 +148,7 @@ TEST_F(GuardedFilesTest, WalkEndsWithTheCodeOfWhatItCannotOpen) {
   // after delivering the folder itself.
   WriteFile(Host("tree/open/f.txt"), "f");
   WriteFile(Host("tree/closed/g.txt"), "g");
-  ::chmod(Host("tree/closed").c_str(), 0700);
+  ::chmod(Host("tree/closed").c_str(), 0000);
   const int code = RunWithoutRootPowers([&] {
     std::uint32_t childError = 0;
     const std::vector<SeenEntry> seen = WalkAll(Win("tree"), childError);
@@ -201,7 +202,7 @@ TEST_F(GuardedFilesTest, IsSafeDirectoryTreeRefusesLinksAndWhatItCannotSee) {
   // A subfolder that may not be read, and a tree that may not be reached.
   WriteFile(Host("locked/open/f.txt"), "f");
   MakeDirs(Host("locked/closed/inner"));
-  ::chmod(Host("locked/closed").c_str(), 0700);
+  ::chmod(Host("locked/closed").c_str(), 0000);
   EXPECT_EQ(RunWithoutRootPowers([&] {
               if (IsSafeDirectoryTree(Win("locked"))) return 1;
               if (!IsSafeDirectoryTree(Win("locked/open"))) return 2;
@@ -238,7 +239,7 @@ TEST_F(GuardedFilesTest, StatusQueriesFollowLinksAndRaiseOnlyForRealErrors) {
   // Below a folder that may not be searched the query fails with 5: the
   // error-code form reports it, the raising forms raise.
   WriteFile(Host("closed/inside.txt"), "i");
-  ::chmod(Host("closed").c_str(), 0700);
+  ::chmod(Host("closed").c_str(), 0000);
   EXPECT_EQ(RunWithoutRootPowers([&] {
               const WString inside = Win("closed/inside.txt");
               std::uint32_t childError = 0;
@@ -300,7 +301,7 @@ TEST_F(GuardedFilesTest, CreateDirectoriesMakesWhatIsMissingAndNamesTheRightErro
   // A folder that may not be written: its 5 stands even though the
   // elements behind it then fail as missing.
   MakeDirs(Host("closed"));
-  ::chmod(Host("closed").c_str(), 0755);
+  ::chmod(Host("closed").c_str(), 0555);
   EXPECT_EQ(RunWithoutRootPowers([&] {
               std::uint32_t childError = 0;
               if (CreateDirectories(Win("closed/x/y"), childError)) return 1;

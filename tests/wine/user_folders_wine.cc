@@ -27,6 +27,8 @@ TEST(WinePrefix, UserFoldersMatchWinesShellFolders) {
     fields >> csidl >> result;
     std::string path;
     std::getline(fields >> std::ws, path);
+    // Wine's console output ends lines with CR LF.
+    if (!path.empty() && path.back() == '\r') path.pop_back();
     ASSERT_EQ(result, 0) << line;
     EXPECT_EQ(WideToUtf8(GetUserFolder(csidl)), path) << "CSIDL " << csidl;
     ++checked;

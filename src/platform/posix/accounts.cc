@@ -65,7 +65,8 @@ WString SidText(const Sid& sid) {
     std::uint32_t value = static_cast<std::uint32_t>(sid[at]) | (static_cast<std::uint32_t>(sid[at + 1]) << 8) |
                           (static_cast<std::uint32_t>(sid[at + 2]) << 16) |
                           (static_cast<std::uint32_t>(sid[at + 3]) << 24);
-    text += "-" + std::to_string(value);
+    text += '-';
+    text += std::to_string(value);
   }
   return AsciiToWide(text);
 }

@@ -3,6 +3,7 @@
 #include <map>
 
 #include "platform/fault_injection.h"
+#include "platform/posix/proc_files.h"
 
 namespace qv::platform::posix {
 namespace {
@@ -56,7 +57,8 @@ namespace qv::platform {
 
 bool CloseHandle(Handle handle) {
   QV_FAULT_POINT("CloseHandle", return false);
-  if (handle == GetCurrentProcess()) return true;
+  // The own process's pseudo-handle needs no closing.
+  if (handle == posix::kCurrentProcessHandle) return true;
   if (!posix::ReleaseHandle(handle)) {
     SetLastError(kErrorInvalidHandle);
     return false;

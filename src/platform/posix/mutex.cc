@@ -116,8 +116,11 @@ bool SharedObjectName(const WString& name, std::string& shmName) {
     }
     scope = std::to_string(session);
   }
+  // Wine keeps named objects in the server of one prefix, so runs against
+  // different prefixes never meet: the prefix is part of the object's name.
+  const WString scoped = Utf8ToWide(posix::PrefixDirectory()) + u"|" + name;
   char hash[17];
-  std::snprintf(hash, sizeof hash, "%016llx", static_cast<unsigned long long>(NameHash(name)));
+  std::snprintf(hash, sizeof hash, "%016llx", static_cast<unsigned long long>(NameHash(scoped)));
   shmName = "/quorvane-mutex-v1-" + std::to_string(::getuid()) + "-" + scope + "-" + hash;
   return true;
 }

@@ -45,6 +45,8 @@ std::string FirstArgument(const std::string& cmdline) { return cmdline.substr(0,
 
 bool IsAbsoluteWindowsPath(std::string_view text) {
   if (text.size() < 3) return false;
+  // A program started from a share: \\server\share\...
+  if (text[0] == '\\' && text[1] == '\\' && text[2] != '\\' && text[2] != '/') return true;
   char letter = text[0];
   bool isLetter = (letter >= 'A' && letter <= 'Z') || (letter >= 'a' && letter <= 'z');
   return isLetter && text[1] == ':' && (text[2] == '\\' || text[2] == '/');

@@ -27,7 +27,8 @@ bool ReadWholeFile(const std::string& path, std::string& bytes, int& err);
 // argv[0] of a cmdline file: the bytes up to the first NUL.
 std::string FirstArgument(const std::string& cmdline);
 
-// "X:\..." or "X:/...": the form Wine gives argv[0] of a Windows program.
+// "X:\..." or "X:/...", the form Wine gives argv[0] of a Windows program,
+// or "\\server\share\..." for one started from a network share.
 bool IsAbsoluteWindowsPath(std::string_view text);
 
 // The Windows session of a process: the number in <folder>/sessionid as it

@@ -69,20 +69,26 @@ const std::shared_ptr<const WineRegistry>& EmptyRegistry() {
   return empty;
 }
 
+// Reads the file into one buffer of its size; a file that grew meanwhile
+// is read to its end.
 bool ReadWholeFile(int fd, off_t size, std::string& bytes) {
-  bytes.clear();
-  bytes.reserve(static_cast<std::size_t>(size));
-  char buffer[65536];
+  bytes.assign(static_cast<std::size_t>(size) + 1, '\0');
+  std::size_t filled = 0;
   while (true) {
-    ssize_t n = ::read(fd, buffer, sizeof buffer);
+    if (filled == bytes.size()) {
+      if (bytes.size() >= static_cast<std::size_t>(kMaxRegistryFileSize)) return false;
+      bytes.resize(bytes.size() * 2);
+    }
+    ssize_t n = ::read(fd, bytes.data() + filled, bytes.size() - filled);
     if (n < 0) {
       if (errno == EINTR) continue;
       return false;
     }
-    if (n == 0) return true;
-    if (bytes.size() + static_cast<std::size_t>(n) > static_cast<std::size_t>(kMaxRegistryFileSize)) return false;
-    bytes.append(buffer, static_cast<std::size_t>(n));
+    if (n == 0) break;
+    filled += static_cast<std::size_t>(n);
   }
+  bytes.resize(filled);
+  return true;
 }
 
 // The parsed file of a hive; the caller holds registryMutex.

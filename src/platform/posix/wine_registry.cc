@@ -96,6 +96,21 @@ void AppendUtf8(std::string_view text, std::size_t& pos, WString& out) {
   pos += length;
 }
 
+// The index's order: folded paths unit by unit, the separator before every
+// other character. That is the order in which Wine's server saves its keys
+// (a key, its subtree, then its next sibling), so a file Wine wrote needs no
+// sorting.
+bool PathLess(WStringView a, WStringView b) {
+  const std::size_t n = std::min(a.size(), b.size());
+  for (std::size_t i = 0; i < n; ++i) {
+    if (a[i] == b[i]) continue;
+    if (a[i] == u'\\') return true;
+    if (b[i] == u'\\') return false;
+    return a[i] < b[i];
+  }
+  return a.size() < b.size();
+}
+
 bool StartsWith(WStringView text, WStringView prefix) {
   return text.size() >= prefix.size() && text.compare(0, prefix.size(), prefix) == 0;
 }
@@ -116,12 +131,13 @@ bool SplitKeyName(WStringView name, std::vector<WStringView>& components) {
   }
 }
 
-// Reads a header line's key name: false for a line that names no key.
+// Reads a header line's key name: false for a line that names no key, or a
+// name with an empty component.
 bool ReadHeaderName(std::string_view line, std::size_t bracket, WString& name) {
   std::size_t pos = bracket + 1;
   if (!DecodeRegistryString(line, pos, ']', name)) return false;
-  std::vector<WStringView> components;
-  return SplitKeyName(name, components);
+  if (name.empty()) return true;
+  return name.front() != u'\\' && name.back() != u'\\' && name.find(u"\\\\") == WString::npos;
 }
 
 bool ParseHexNumber(std::string_view text, std::size_t& pos, std::uint32_t& value) {
@@ -228,17 +244,22 @@ bool ParseValueLine(std::string_view text, std::size_t sectionEnd, Line& line, W
   return true;
 }
 
+// The first entry whose folded path does not come before `path`.
+std::vector<WineRegistryKeyEntry>::const_iterator LowerBound(const WineRegistry& registry, WStringView path) {
+  return std::lower_bound(
+      registry.keys.begin(), registry.keys.end(), path,
+      [&registry](const WineRegistryKeyEntry& e, WStringView p) { return PathLess(FoldedPath(registry, e), p); });
+}
+
 // Calls `visit(name, value)` for each readable value line of the sections
 // of one key, in file order.
 template <typename Visit>
 void ForEachValueLine(const WineRegistry& registry, WStringView foldedPath, Visit visit) {
-  auto first = std::lower_bound(
-      registry.keys.begin(), registry.keys.end(), foldedPath,
-      [](const WineRegistryKeyEntry& e, WStringView p) { return WStringView(e.foldedPath) < p; });
+  auto first = LowerBound(registry, foldedPath);
   std::string_view text = registry.text;
   WString name;
   WineRegistryValue value;
-  for (auto it = first; it != registry.keys.end() && it->foldedPath == foldedPath; ++it) {
+  for (auto it = first; it != registry.keys.end() && FoldedPath(registry, *it) == foldedPath; ++it) {
     std::size_t pos = it->bodyBegin;
     while (pos < it->bodyEnd) {
       Line line = LineAt(text, pos, it->bodyEnd);
@@ -282,6 +303,19 @@ int CompareRegistryNames(WStringView a, WStringView b) {
 bool DecodeRegistryString(std::string_view line, std::size_t& pos, char terminator, WString& out) {
   out.clear();
   while (pos < line.size()) {
+    // A run of plain ASCII, the bulk of every name, goes over in one step.
+    std::size_t run = pos;
+    while (run < line.size() && static_cast<unsigned char>(line[run]) < 0x80 && line[run] != '\\' &&
+           line[run] != terminator) {
+      ++run;
+    }
+    if (run != pos) {
+      std::size_t filled = out.size();
+      out.resize(filled + (run - pos));
+      for (std::size_t i = pos; i < run; ++i) out[filled++] = static_cast<char16_t>(line[i]);
+      pos = run;
+      continue;
+    }
     char c = line[pos];
     if (c == terminator) {
       ++pos;
@@ -356,6 +390,12 @@ WineRegistry ParseWineRegistry(std::string bytes) {
   if (first.text != kSignature) return registry;
   registry.signature = true;
 
+  // Room for the index at once: a header line in Wine's files is well over 64
+  // bytes with its "#time=" line, and paths are shorter than their lines.
+  // Untouched room costs no memory.
+  registry.keys.reserve(end / 64 + 16);
+  registry.foldedPaths.reserve(end / 2 + 16);
+
   constexpr std::size_t kNone = static_cast<std::size_t>(-1);
   std::size_t current = kNone;
   WString name;
@@ -369,7 +409,11 @@ WineRegistry ParseWineRegistry(std::string bytes) {
         current = kNone;
         if (ReadHeaderName(line.text, i, name)) {
           WineRegistryKeyEntry entry;
-          entry.foldedPath = FoldRegistryName(name);
+          entry.pathBegin = registry.foldedPaths.size();
+          entry.pathLength = name.size();
+          registry.foldedPaths.resize(entry.pathBegin + name.size());
+          char16_t* folded = registry.foldedPaths.data() + entry.pathBegin;
+          for (char16_t unit : name) *folded++ = FoldRegistryChar(unit);
           entry.header = line.begin + i;
           entry.bodyBegin = line.next;
           entry.bodyEnd = end;
@@ -387,29 +431,28 @@ WineRegistry ParseWineRegistry(std::string bytes) {
     }
     pos = line.next;
   }
-  std::stable_sort(registry.keys.begin(), registry.keys.end(),
-                   [](const WineRegistryKeyEntry& a, const WineRegistryKeyEntry& b) {
-                     return a.foldedPath < b.foldedPath;
-                   });
+  const auto less = [&registry](const WineRegistryKeyEntry& a, const WineRegistryKeyEntry& b) {
+    return PathLess(FoldedPath(registry, a), FoldedPath(registry, b));
+  };
+  if (!std::is_sorted(registry.keys.begin(), registry.keys.end(), less)) {
+    std::stable_sort(registry.keys.begin(), registry.keys.end(), less);
+  }
   return registry;
 }
 
 bool WineKeyExists(const WineRegistry& registry, WStringView path) {
   if (path.empty()) return true;
   WString folded = FoldRegistryName(path);
-  const auto less = [](const WineRegistryKeyEntry& e, const WString& p) { return e.foldedPath < p; };
-  auto it = std::lower_bound(registry.keys.begin(), registry.keys.end(), folded, less);
-  if (it != registry.keys.end() && it->foldedPath == folded) return true;
+  auto it = LowerBound(registry, folded);
+  if (it != registry.keys.end() && FoldedPath(registry, *it) == folded) return true;
   folded.push_back(u'\\');
-  it = std::lower_bound(it, registry.keys.end(), folded, less);
-  return it != registry.keys.end() && StartsWith(it->foldedPath, folded);
+  it = LowerBound(registry, folded);
+  return it != registry.keys.end() && StartsWith(FoldedPath(registry, *it), folded);
 }
 
 bool WineKeyIsLink(const WineRegistry& registry, WStringView path) {
   WString folded = FoldRegistryName(path);
-  const auto less = [](const WineRegistryKeyEntry& e, const WString& p) { return e.foldedPath < p; };
-  for (auto it = std::lower_bound(registry.keys.begin(), registry.keys.end(), folded, less);
-       it != registry.keys.end() && it->foldedPath == folded; ++it) {
+  for (auto it = LowerBound(registry, folded); it != registry.keys.end() && FoldedPath(registry, *it) == folded; ++it) {
     if (it->link) return true;
   }
   return false;
@@ -428,11 +471,10 @@ std::vector<WString> WineSubkeyNames(const WineRegistry& registry, WStringView p
     std::size_t header;
   };
   std::vector<Child> children;
-  const auto less = [](const WineRegistryKeyEntry& e, const WString& p) { return e.foldedPath < p; };
-  for (auto it = std::lower_bound(registry.keys.begin(), registry.keys.end(), prefix, less);
-       it != registry.keys.end() && StartsWith(it->foldedPath, prefix); ++it) {
-    if (it->foldedPath.size() == prefix.size()) continue;  // the root's own header
-    WStringView rest = WStringView(it->foldedPath).substr(prefix.size());
+  for (auto it = LowerBound(registry, prefix);
+       it != registry.keys.end() && StartsWith(FoldedPath(registry, *it), prefix); ++it) {
+    if (it->pathLength == prefix.size()) continue;  // the root's own header
+    WStringView rest = FoldedPath(registry, *it).substr(prefix.size());
     children.push_back({rest.substr(0, rest.find(u'\\')), it->order, it->header});
   }
   // Folded names in code-unit order are Wine's order; of one name, the

@@ -2,8 +2,8 @@
 // the file's bytes, internal to the posix backend.
 //
 // The file is kept as read. Parsing indexes the key headers only: each
-// "[Key\\Path] time" line becomes an entry with its folded path and the span
-// of lines below it, sorted by path. A key's values are decoded when they are
+// "[Key\\Path] time" line becomes an entry with its folded path (all paths in
+// one buffer) and the span of lines below it, sorted by path. A key's values are decoded when they are
 // asked for, from the lines of its sections. So looking up one value in a
 // system.reg of 1.7 MB costs one pass over the line starts and the decoding of
 // about 9,000 header names, and the memory is the file plus the index.
@@ -41,7 +41,8 @@ namespace qv::platform::posix {
 
 // One header of the file and the lines below it, up to the next header.
 struct WineRegistryKeyEntry {
-  WString foldedPath;         // components folded and joined by '\'
+  std::size_t pathBegin = 0;  // the folded path in WineRegistry::foldedPaths
+  std::size_t pathLength = 0;
   std::size_t header = 0;     // offset of the header's '['
   std::size_t bodyBegin = 0;  // first line after the header
   std::size_t bodyEnd = 0;    // start of the next header line, or the end
@@ -54,9 +55,15 @@ struct WineRegistry {
   bool signature = false;  // first line is "WINE REGISTRY Version 2"
   // The ";; All keys relative to ..." line, unescaped ("REGISTRY\User\S-...").
   WString relativeTo;
-  // Sorted by foldedPath, entries of one path in file order.
+  // The keys' paths, folded, components joined by '\', one after another.
+  WString foldedPaths;
+  // Sorted by folded path, entries of one path in file order.
   std::vector<WineRegistryKeyEntry> keys;
 };
+
+inline WStringView FoldedPath(const WineRegistry& registry, const WineRegistryKeyEntry& entry) {
+  return WStringView(registry.foldedPaths).substr(entry.pathBegin, entry.pathLength);
+}
 
 struct WineRegistryValue {
   std::uint32_t type = 0;

@@ -86,7 +86,9 @@ TEST_F(PrefixTest, FullPathNameNormalises) {
   GetFullPathNameW(u"C:\\a\\name. . ", 32768, full);
   EXPECT_EQ(full, u"C:\\a\\name");
   // Relative forms resolve against the working directory's Windows form.
-  std::string cwd = ::getcwd(nullptr, 0);
+  char* cwdBuffer = ::getcwd(nullptr, 0);
+  std::string cwd = cwdBuffer;
+  std::free(cwdBuffer);
   ASSERT_EQ(::chdir(C("").c_str()), 0);
   GetFullPathNameW(u"sub\\x", 32768, full);
   EXPECT_EQ(full, u"C:\\sub\\x");

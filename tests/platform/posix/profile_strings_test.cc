@@ -1,19 +1,17 @@
 // The INI reader of the Linux host against the answers that Wine's own
 // GetPrivateProfileStringW gave for the files in tests/data/ini (recorded in
-// expected.txt by tests/wine/profile_probe.cc), and against a live Wine run
-// when one is set up.
+// expected.txt by tests/wine/profile_probe.cc; tests/wine asks Wine live).
 #include "platform/posix/profile_strings.h"
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <cstdio>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "platform/platform.h"
 #include "platform/posix/host.h"
+#include "support/profile_answers.h"
 #include "support/test_support.h"
 
 namespace qv::platform {
@@ -26,103 +24,6 @@ using test::WriteFile;
 
 const std::string kIniData = std::string(QUORVANE_TEST_DATA) + "/ini";
 
-// One question and Wine's answer: a line of the probe's output.
-struct Answer {
-  std::string line;  // the question as written, for messages
-  std::string file;
-  WString section, key, defaultValue;
-  std::uint32_t size = 0;
-  std::uint32_t result = 0;
-  std::string units;  // the probe's notation of the code units
-};
-
-WString Unescape(const std::string& field) {
-  WString out;
-  for (std::size_t i = 0; i < field.size(); ++i) {
-    if (field.compare(i, 2, "\\\\") == 0) {
-      out.push_back(u'\\');
-      ++i;
-    } else if (field.compare(i, 2, "\\u") == 0 && i + 5 < field.size()) {
-      out.push_back(static_cast<char16_t>(std::stoul(field.substr(i + 2, 4), nullptr, 16)));
-      i += 5;
-    } else {
-      out.push_back(static_cast<unsigned char>(field[i]));
-    }
-  }
-  return out;
-}
-
-std::vector<std::string> SplitTabs(const std::string& line) {
-  std::vector<std::string> fields(1);
-  for (char c : line) {
-    if (c == '\t') {
-      fields.emplace_back();
-    } else {
-      fields.back().push_back(c);
-    }
-  }
-  return fields;
-}
-
-std::vector<Answer> ParseAnswers(const std::string& text) {
-  std::vector<Answer> answers;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) {
-    if (line.empty() || line[0] == '#') continue;
-    std::vector<std::string> f = SplitTabs(line);
-    if (f.size() != 7) {
-      ADD_FAILURE() << "bad answer line: " << line.substr(0, 200);
-      continue;
-    }
-    Answer a;
-    a.line = line.size() > 200 ? line.substr(0, 200) + "..." : line;
-    a.file = f[0];
-    a.section = Unescape(f[1]);
-    a.key = Unescape(f[2]);
-    a.defaultValue = Unescape(f[3]);
-    a.size = static_cast<std::uint32_t>(std::stoul(f[4]));
-    a.result = static_cast<std::uint32_t>(std::stoul(f[5]));
-    a.units = f[6];
-    answers.push_back(a);
-  }
-  return answers;
-}
-
-// The probe's notation: four hex digits a unit, a run of four or more equal
-// units as "XXXX*count".
-std::string UnitsText(const WString& value) {
-  std::string out;
-  char text[32];
-  for (std::size_t i = 0; i < value.size();) {
-    std::size_t run = 1;
-    while (i + run < value.size() && value[i + run] == value[i]) ++run;
-    if (!out.empty()) out.push_back(' ');
-    if (run >= 4) {
-      std::snprintf(text, sizeof text, "%04X*%zu", static_cast<unsigned>(value[i]), run);
-      i += run;
-    } else {
-      std::snprintf(text, sizeof text, "%04X", static_cast<unsigned>(value[i]));
-      i += 1;
-    }
-    out += text;
-  }
-  return out;
-}
-
-// Asks the seam each question against the files of `folder` and compares.
-void ExpectSameAnswers(const std::vector<Answer>& answers, const std::string& folder) {
-  WString windowsFolder;
-  ASSERT_TRUE(posix::ToWindowsPath(folder, windowsFolder));
-  for (const Answer& a : answers) {
-    WString value = u"stale";
-    std::uint32_t result = GetPrivateProfileStringW(a.section, a.key, a.defaultValue, value, a.size,
-                                                    windowsFolder + u"\\" + AsciiToWide(a.file));
-    EXPECT_EQ(result, a.result) << a.line;
-    EXPECT_EQ(value.size(), result) << a.line;
-    EXPECT_EQ(UnitsText(value), a.units) << a.line;
-  }
-}
-
 // Z: is the host's root in a prefix that maps no drive.
 class ProfileStrings : public ::testing::Test {
  protected:
@@ -132,9 +33,9 @@ class ProfileStrings : public ::testing::Test {
 };
 
 TEST_F(ProfileStrings, MatchesRecordedWineAnswers) {
-  std::vector<Answer> answers = ParseAnswers(ReadFile(kIniData + "/expected.txt"));
+  std::vector<test::ProfileAnswer> answers = test::ParseProfileAnswers(ReadFile(kIniData + "/expected.txt"));
   ASSERT_GT(answers.size(), 300u);
-  ExpectSameAnswers(answers, kIniData);
+  test::ExpectSameProfileAnswers(answers, kIniData);
 }
 
 TEST_F(ProfileStrings, RewrittenFileReadsNewAndMissingFileGivesDefault) {
@@ -202,33 +103,6 @@ TEST(ProfileStringsReader, LargeFiles) {
   std::string line = "[Fusion]\r\nExecutable0=" + std::string(16'000'000, 'x');
   EXPECT_EQ(posix::ReadProfileString(line, u"Fusion", u"Executable0", u"", value, 32768), 32767u);
   EXPECT_EQ(value, WString(32767, u'x'));
-}
-
-// A live Wine run of the probe over the same questions, when the build made
-// the probe (MinGW) and found Wine: `ctest -L wine` sets the variables.
-TEST(ProfileStringsWine, LiveAnswersMatchReader) {
-  const char* probe = std::getenv("QUORVANE_PROFILE_PROBE");
-  const char* wine = std::getenv("QUORVANE_WINE");
-  const char* prefix = std::getenv("QUORVANE_WINE_PREFIX");
-  if (probe == nullptr || wine == nullptr || prefix == nullptr) {
-    GTEST_SKIP() << "no Wine run: QUORVANE_PROFILE_PROBE, QUORVANE_WINE and QUORVANE_WINE_PREFIX are set by "
-                    "the 'profile_strings.wine' ctest when MinGW and Wine are installed";
-  }
-  TempDir dir;
-  WString dataWin, queriesWin, outWin;
-  std::string out = dir / "answers.txt";
-  WriteFile(out, "");
-  ASSERT_TRUE(posix::ToWindowsPath(kIniData, dataWin));
-  ASSERT_TRUE(posix::ToWindowsPath(kIniData + "/queries.txt", queriesWin));
-  ASSERT_TRUE(posix::ToWindowsPath(out, outWin));
-  test::RunResult run = test::Run(wine, {probe, WideToUtf8(dataWin), WideToUtf8(queriesWin), WideToUtf8(outWin)},
-                                  {{"WINEPREFIX", prefix}, {"WINEDEBUG", "-all"}});
-  ASSERT_EQ(run.exitCode, 0) << run.err;
-  std::vector<Answer> answers = ParseAnswers(ReadFile(out));
-  ASSERT_GT(answers.size(), 300u);
-  ::setenv("WINEPREFIX", (dir / "prefix").c_str(), 1);
-  ExpectSameAnswers(answers, kIniData);
-  ::unsetenv("WINEPREFIX");
 }
 
 }  // namespace

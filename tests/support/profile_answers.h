@@ -1,0 +1,36 @@
+// The answers of Wine's GetPrivateProfileStringW as tests/wine/profile_probe.cc
+// writes them, and their check against the INI reader of the Linux host.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/wstring.h"
+
+namespace qv::test {
+
+// One question and its answer: a line of the probe's output.
+struct ProfileAnswer {
+  std::string line;  // the question as written, for messages
+  std::string file;  // relative to the folder of the INI files
+  WString section, key, defaultValue;
+  std::uint32_t size = 0;
+  std::uint32_t result = 0;
+  std::string units;  // the code units placed in the buffer, in the probe's notation
+};
+
+// Lines "file, section, key, default, size, result, units" separated by tabs;
+// "#" lines are skipped. A malformed line fails the running test.
+std::vector<ProfileAnswer> ParseProfileAnswers(const std::string& text);
+
+// The probe's notation: four hex digits a unit, separated by blanks; a run of
+// four or more equal units as "XXXX*count".
+std::string ProfileUnitsText(const WString& value);
+
+// Asks the seam's GetPrivateProfileStringW each question against the files of
+// the host folder `folder` and expects the same answers. $WINEPREFIX must
+// reach the folder through its drive map.
+void ExpectSameProfileAnswers(const std::vector<ProfileAnswer>& answers, const std::string& folder);
+
+}  // namespace qv::test
