@@ -12,7 +12,7 @@ if [ ! -x "$fuzzer" ]; then
 fi
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-"$fuzzer" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
+"$fuzzer" -max_total_time="$seconds" -error_exitcode=1 -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
   -artifact_prefix="$work/" "$work" "$seeds" 2>&1 | tail -n 15
 status=${PIPESTATUS[0]}
 if [ "$status" -ne 0 ]; then
