@@ -52,6 +52,7 @@ int main() {
                                       {{"WINEPREFIX", s.prefix}, {"QUORVANE_PROC_ROOT", s.proc}});
   Print("Quorvane_Setup /status, 128 healthy installations", status);
   if (status.exitCode != 0) std::fprintf(stderr, "unexpected exit code %d\n", status.exitCode);
-  std::system(("rm -rf " + s.root).c_str());
+  if (std::getenv("QUORVANE_BENCH_KEEP") == nullptr) std::system(("rm -rf " + s.root).c_str());
+  else std::printf("sandbox kept: %s\n", s.root.c_str());
   return status.exitCode == 0 ? 0 : 1;
 }

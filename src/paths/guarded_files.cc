@@ -100,6 +100,13 @@ bool CreateDirectories(const WString& path, std::uint32_t& error) {
     return false;
   }
 
+  // A folder that is already there needs nothing made: one status query
+  // spares a call for every element of a deep path.
+  if (QueryPathStatus(path).kind == PathKind::Directory) {
+    error = 0;
+    return false;
+  }
+
   // Each prefix of the path that ends in an element is made in turn; the
   // root is not. Errors on the way do not stop the walk, since a prefix that
   // cannot be made may still exist.

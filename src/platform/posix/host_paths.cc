@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -73,9 +74,7 @@ std::string WorkingDirectory() {
 
 // The host folder a drive letter maps to, or empty when the prefix does not
 // map it. Z: is "/" unless the prefix maps it elsewhere.
-std::string DriveTarget(WChar letter) {
-  char lower = static_cast<char>(UpperLetter(letter) - u'A' + 'a');
-  std::string devices = PrefixDirectory() + "/dosdevices";
+std::string ReadDriveTarget(const std::string& devices, char lower) {
   std::string entry = devices + "/" + lower + ":";
   struct stat st;
   if (::lstat(entry.c_str(), &st) != 0) return lower == 'z' ? "/" : "";
@@ -91,18 +90,59 @@ std::string DriveTarget(WChar letter) {
   return "";
 }
 
+// The drive map is read once per prefix and letter: every path of a run
+// goes through it, and a prefix's drives do not change under a run.
+std::string DriveTarget(WChar letter) {
+  if (!IsDriveLetter(letter)) return "";
+  const char lower = static_cast<char>(UpperLetter(letter) - u'A' + 'a');
+  const std::string devices = PrefixDirectory() + "/dosdevices";
+  static std::map<std::string, std::string>* cache = new std::map<std::string, std::string>;
+  const std::string key = devices + "/" + lower;
+  auto it = cache->find(key);
+  if (it == cache->end()) it = cache->emplace(key, ReadDriveTarget(devices, lower)).first;
+  return it->second;
+}
+
 // Finds an entry of `folder` named like `name` without regard to case.
+bool IsAscii(const std::string& text) {
+  for (char c : text) {
+    if (static_cast<unsigned char>(c) >= 0x80) return false;
+  }
+  return true;
+}
+
+bool EqualIgnoringAsciiCase(const char* a, const std::string& b) {
+  std::size_t k = 0;
+  for (; a[k] != '\0' && k < b.size(); ++k) {
+    char x = a[k];
+    char y = b[k];
+    if (x >= 'A' && x <= 'Z') x = static_cast<char>(x + 32);
+    if (y >= 'A' && y <= 'Z') y = static_cast<char>(y + 32);
+    if (x != y) return false;
+  }
+  return a[k] == '\0' && k == b.size();
+}
+
 bool FindEntryIgnoringCase(const std::string& folder, const std::string& name, std::string& found) {
   DIR* dir = ::opendir(folder.c_str());
   if (dir == nullptr) return false;
-  std::u32string wanted = FoldedCodePoints(name);
+  const bool ascii = IsAscii(name);
+  const std::u32string wanted = ascii ? std::u32string() : FoldedCodePoints(name);
   bool match = false;
   while (dirent* entry = ::readdir(dir)) {
-    std::string candidate = entry->d_name;
-    if (candidate == "." || candidate == "..") continue;
-    if (candidate.size() != name.size() && FoldedCodePoints(candidate).size() != wanted.size()) continue;
-    if (FoldedCodePoints(candidate) == wanted) {
-      found = candidate;
+    const char* candidate = entry->d_name;
+    if (std::strcmp(candidate, ".") == 0 || std::strcmp(candidate, "..") == 0) continue;
+    // An ASCII name can only match an entry of the same length that folds
+    // to it byte for byte; others need the full folding.
+    bool equal = false;
+    const std::string text(candidate);
+    if (ascii && IsAscii(text)) {
+      equal = EqualIgnoringAsciiCase(candidate, name);
+    } else {
+      equal = FoldedCodePoints(text) == (ascii ? FoldedCodePoints(name) : wanted);
+    }
+    if (equal) {
+      found = text;
       match = true;
       break;
     }
@@ -223,8 +263,7 @@ bool ResolveHostPath(const WString& windowsPath, std::string& hostPath, std::siz
     error = kErrorPathNotFound;
     return false;
   }
-  depth = 0;
-  bool lookUp = true;
+  std::vector<std::string> names;
   std::size_t i = 3;
   while (i < full.size()) {
     std::size_t j = full.find(u'\\', i);
@@ -236,23 +275,46 @@ bool ResolveHostPath(const WString& windowsPath, std::string& hostPath, std::siz
       error = kErrorInvalidName;
       return false;
     }
-    std::string name = WideToUtf8(component);
+    names.push_back(WideToUtf8(component));
+  }
+  depth = names.size();
+  const std::string root = current == "/" ? "" : current;
+  auto join = [&root, &names](std::size_t count) {
+    std::string path = root;
+    for (std::size_t k = 0; k < count; ++k) path += "/" + names[k];
+    return path.empty() ? std::string("/") : path;
+  };
+
+  // Most paths exist as written, or all but their last element do: one
+  // lstat each settles those without reading any folder.
+  struct stat st;
+  if (names.empty()) {
+    hostPath = current;
+    return true;
+  }
+  std::string asWritten = join(names.size());
+  if (::lstat(asWritten.c_str(), &st) == 0) {
+    hostPath = asWritten;
+    return true;
+  }
+  std::size_t known = 0;  // elements known to exist as written
+  if (names.size() == 1 || ::lstat(join(names.size() - 1).c_str(), &st) == 0) known = names.size() - 1;
+
+  current = join(known);
+  bool lookUp = true;
+  for (std::size_t k = known; k < names.size(); ++k) {
     std::string base = current == "/" ? "" : current;
-    std::string candidate = base + "/" + name;
-    if (lookUp) {
-      struct stat st;
-      if (::lstat(candidate.c_str(), &st) != 0) {
-        std::string found;
-        if (FindEntryIgnoringCase(current, name, found)) {
-          candidate = base + "/" + found;
-        } else {
-          // Nothing by that name: later elements cannot exist either.
-          lookUp = false;
-        }
+    std::string candidate = base + "/" + names[k];
+    if (lookUp && ::lstat(candidate.c_str(), &st) != 0) {
+      std::string found;
+      if (FindEntryIgnoringCase(current, names[k], found)) {
+        candidate = base + "/" + found;
+      } else {
+        // Nothing by that name: later elements cannot exist either.
+        lookUp = false;
       }
     }
     current = candidate;
-    ++depth;
   }
   hostPath = current;
   return true;

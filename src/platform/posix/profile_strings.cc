@@ -1,6 +1,7 @@
-// GetPrivateProfileStringW on the Linux host: the file is read afresh at
-// every call and searched line by line, stopping as soon as the answer is
-// known, so a rewritten file reads new and a huge one costs one pass.
+// GetPrivateProfileStringW on the Linux host: the file is searched line by
+// line, stopping as soon as the answer is known, so a huge one costs one
+// pass. Its bytes are kept while the file on disk stays the same, so that
+// reading many keys reads the file once, and a rewritten file reads new.
 #include "platform/posix/profile_strings.h"
 
 #include <fcntl.h>
@@ -303,26 +304,60 @@ bool ReadWholeFile(const std::string& host, std::string& bytes, std::uint32_t& e
 
 }  // namespace
 
+namespace {
+
+// The last profile file read, with what identifies its version on disk.
+struct ProfileCache {
+  bool valid = false;
+  std::string host;
+  dev_t device = 0;
+  ino_t inode = 0;
+  off_t size = 0;
+  timespec modified{};
+  std::string bytes;
+};
+
+ProfileCache& Cache() {
+  static ProfileCache* cache = new ProfileCache;
+  return *cache;
+}
+
+}  // namespace
+
 std::uint32_t GetPrivateProfileStringW(const WString& section, const WString& key, const WString& defaultValue,
                                        WString& value, std::uint32_t size, const WString& path) {
   QV_FAULT_POINT("GetPrivateProfileStringW", return posix::UnreadableProfileDefault(defaultValue, value, size),
                  section, key, path);
   std::string host;
   std::uint32_t error = 0;
+  ProfileCache& cache = Cache();
+  struct stat st;
+  if (posix::ToHostPath(path, host, error) && ::stat(host.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
+      cache.valid && cache.host == host && cache.device == st.st_dev && cache.inode == st.st_ino &&
+      cache.size == st.st_size && cache.modified.tv_sec == st.st_mtim.tv_sec &&
+      cache.modified.tv_nsec == st.st_mtim.tv_nsec) {
+    return posix::ReadProfileString(cache.bytes, section, key, defaultValue, value, size);
+  }
+  cache.valid = false;
   std::string bytes;
-  if (!posix::ToHostPath(path, host, error) || !ReadWholeFile(host, bytes, error)) {
+  if (host.empty() || !ReadWholeFile(host, bytes, error)) {
     SetLastError(error);
     // A missing file reads as an empty one; any other failure gives the
     // default as written, quotes and all.
     if (error != kErrorFileNotFound) return posix::UnreadableProfileDefault(defaultValue, value, size);
     bytes.clear();
+  } else if (::stat(host.c_str(), &st) == 0) {
+    // Kept while the file stays the same file, unchanged: a rewrite or a
+    // rename onto it (a new inode) is read afresh.
+    cache = ProfileCache{true, host, st.st_dev, st.st_ino, st.st_size, st.st_mtim, bytes};
   }
   return posix::ReadProfileString(bytes, section, key, defaultValue, value, size);
 }
 
 bool FlushPrivateProfileCache(const WString& path) {
   QV_FAULT_POINT("WritePrivateProfileStringW", return false, path);
-  // Nothing is cached between calls here. Wine answers this call with FALSE
+  Cache().valid = false;
+  // Wine answers this call with FALSE
   // and leaves the last error as it was; so does this one. Callers ignore
   // the result.
   return false;
