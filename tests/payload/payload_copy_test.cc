@@ -164,8 +164,9 @@ TEST(PayloadCopyFaultTest, FailedCopyGivesItsCodeAsSignedNumber) {
 
 TEST(PayloadCopyFaultTest, EntryWhoseStatusCannotBeHadIsRaised) {
   test::FreshProcessDeathTests fresh;
-  // The first status query is the source's; the second is the entry's.
-  EXPECT_EXIT(test::RunWithFaults("GetFileAttributesExW@2=5",
+  // The first status query is the source's, the second asks whether the
+  // target is already there; the third is the entry's.
+  EXPECT_EXIT(test::RunWithFaults("GetFileAttributesExW@3=5",
                                   [](const test::FixturePrefix& prefix) {
                                     WriteFile(prefix.C("src/a.txt"), "a");
                                     WString error = u"untouched";
