@@ -18,6 +18,10 @@ std::string ProcRoot();
 // Windows error code for an errno value.
 std::uint32_t ErrnoToWinError(int err);
 
+// Opens a host file for reading. -1 with the Windows code when it cannot be
+// opened: a missing file is 2, a missing folder on the way 3.
+int OpenForReading(const std::string& hostPath, std::uint32_t& error);
+
 // Resolves a Windows path to a host path through the prefix's drive map.
 //
 // The path is first made absolute and normalised as GetFullPathNameW does

@@ -2,6 +2,7 @@
 // normalisation of GetFullPathNameW and the case-insensitive lookup of path
 // components.
 #include <dirent.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -161,6 +162,21 @@ bool IsValidComponent(const WString& component) {
 }
 
 }  // namespace
+
+int OpenForReading(const std::string& hostPath, std::uint32_t& error) {
+  const int fd = ::open(hostPath.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd >= 0) return fd;
+  const int err = errno;
+  error = ErrnoToWinError(err);
+  if (err == ENOENT) {
+    // A missing folder on the way is "path not found", as Windows says.
+    const std::size_t slash = hostPath.find_last_of('/');
+    const std::string parent = slash == std::string::npos || slash == 0 ? "/" : hostPath.substr(0, slash);
+    struct stat st;
+    if (::stat(parent.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) error = kErrorPathNotFound;
+  }
+  return -1;
+}
 
 WString CurrentDirectoryWindows() {
   WString windows;

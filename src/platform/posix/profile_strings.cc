@@ -267,17 +267,8 @@ namespace {
 
 // The whole file; false with the Windows error code when it cannot be read.
 bool ReadWholeFile(const std::string& host, std::string& bytes, std::uint32_t& error) {
-  int fd = ::open(host.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    error = posix::ErrnoToWinError(errno);
-    if (errno == ENOENT) {
-      std::size_t slash = host.find_last_of('/');
-      std::string parent = slash == std::string::npos || slash == 0 ? "/" : host.substr(0, slash);
-      struct stat st;
-      if (::stat(parent.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) error = kErrorPathNotFound;
-    }
-    return false;
-  }
+  int fd = posix::OpenForReading(host, error);
+  if (fd < 0) return false;
   struct stat st;
   if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
     ::close(fd);

@@ -248,18 +248,8 @@ struct OpenImage {
 bool LocateVersion(const WString& path, OpenImage& file, posix::ResourceSpan& span, std::uint32_t& error) {
   std::string host;
   if (!posix::ToHostPath(path, host, error)) return false;
-  int fd = ::open(host.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    error = posix::ErrnoToWinError(errno);
-    if (errno == ENOENT) {
-      // A missing folder on the way is "path not found", as Windows says.
-      std::size_t slash = host.find_last_of('/');
-      std::string parent = slash == std::string::npos || slash == 0 ? "/" : host.substr(0, slash);
-      struct stat st;
-      if (::stat(parent.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) error = kErrorPathNotFound;
-    }
-    return false;
-  }
+  const int fd = posix::OpenForReading(host, error);
+  if (fd < 0) return false;
   file.image.fd = fd;
   struct stat st;
   if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
