@@ -1,7 +1,8 @@
 // Fuzzes the INI reader with arbitrary file bytes and questions. Input: two
 // bytes of buffer size, one byte each for the lengths of section and key (in
 // code units), the section and key as UTF-16LE, then the file's bytes.
-// The answer must fit the buffer, and a plain value written to a clean
+// The answer must fit the buffer, the file's index must give the answer
+// that the search line by line gives, and a plain value written to a clean
 // UTF-16 file must read back unchanged.
 #include <cstdint>
 #include <cstdlib>
@@ -39,6 +40,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (bufferSize == 0 ? result != 0 : result > bufferSize - 1) std::abort();
   qv::WString again;
   if (qv::platform::posix::ReadProfileString(file, section, key, u"default", again, bufferSize) != result ||
+      again != value) {
+    std::abort();
+  }
+  if (qv::platform::posix::ReadProfileString(qv::platform::posix::IndexProfile(file), section, key, u"default",
+                                             again, bufferSize) != result ||
       again != value) {
     std::abort();
   }

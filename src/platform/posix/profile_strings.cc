@@ -229,6 +229,29 @@ struct Search {
   }
 };
 
+// Hands each line of the file's text to `line` until it answers false.
+template <typename LineFn>
+void ForEachLine(std::string_view fileBytes, LineFn&& line) {
+  TextUnits units(fileBytes);
+  WString text;
+  char16_t unit = 0;
+  for (bool more = true; more;) {
+    more = units.Next(unit);
+    if (more && unit != u'\r' && unit != u'\n') {
+      text.push_back(unit);
+      continue;
+    }
+    if (!line(WStringView(text))) return;
+    text.clear();
+  }
+}
+
+WString Folded(WStringView name) {
+  WString folded(name);
+  for (char16_t& c : folded) c = FoldAscii(c);
+  return folded;
+}
+
 }  // namespace
 
 std::uint32_t ReadProfileString(std::string_view fileBytes, WStringView section, WStringView key,
@@ -239,21 +262,59 @@ std::uint32_t ReadProfileString(std::string_view fileBytes, WStringView section,
   // Lines before the first header belong to the section without a name.
   search.inSection = search.section.empty();
 
-  TextUnits units(fileBytes);
-  WString line;
   LineOutcome outcome = LineOutcome::Continue;
-  char16_t unit = 0;
-  bool more = true;
-  while (outcome == LineOutcome::Continue && more) {
-    more = units.Next(unit);
-    if (more && unit != u'\r' && unit != u'\n') {
-      line.push_back(unit);
-      continue;
-    }
+  WString found;
+  ForEachLine(fileBytes, [&](WStringView line) {
     outcome = search.Line(line);
-    line.clear();
+    // The line's text goes with the next one; the value is kept first.
+    if (outcome == LineOutcome::Found && search.hasValue) found.assign(search.value);
+    return outcome == LineOutcome::Continue;
+  });
+  if (outcome == LineOutcome::Found && search.hasValue) return CopyEntry(found, value, size, true);
+  return CopyEntry(PrepareDefault(defaultValue), value, size, true);
+}
+
+ProfileIndex IndexProfile(std::string_view fileBytes) {
+  ProfileIndex index;
+  index.sections.emplace_back();  // the lines before the first header
+  ForEachLine(fileBytes, [&](WStringView line) {
+    line = Trim(line);
+    if (line.empty()) return true;
+    if (line[0] == u'[') {
+      const std::size_t close = line.rfind(u']');
+      if (close != WStringView::npos && close > 0) {
+        const WString name = Folded(CutAtNul(Trim(line.substr(1, close - 1))));
+        index.sections.emplace_back();
+        // Only the first section of a name is ever searched.
+        index.named.emplace(name, index.sections.size() - 1);
+        return true;
+      }
+    }
+    const std::size_t equals = line.find(u'=');
+    const WStringView name = equals == WStringView::npos ? line : TrimRight(line.substr(0, equals));
+    ProfileIndex::Entry entry;
+    entry.hasValue = equals != WStringView::npos;
+    if (entry.hasValue) entry.value = WString(CutAtNul(TrimLeft(line.substr(equals + 1))));
+    // The first line of a key answers for it.
+    index.sections.back().emplace(Folded(CutAtNul(name)), std::move(entry));
+    return true;
+  });
+  return index;
+}
+
+std::uint32_t ReadProfileString(const ProfileIndex& index, WStringView section, WStringView key,
+                                WStringView defaultValue, WString& value, std::uint32_t size) {
+  const WStringView wantedSection = Trim(CutAtNul(section));
+  const ProfileIndex::Section* keys = nullptr;
+  if (wantedSection.empty()) {
+    keys = &index.sections.front();
+  } else if (auto it = index.named.find(Folded(wantedSection)); it != index.named.end()) {
+    keys = &index.sections[it->second];
   }
-  if (outcome == LineOutcome::Found && search.hasValue) return CopyEntry(search.value, value, size, true);
+  if (keys != nullptr) {
+    auto entry = keys->find(Folded(Trim(CutAtNul(key))));
+    if (entry != keys->end() && entry->second.hasValue) return CopyEntry(entry->second.value, value, size, true);
+  }
   return CopyEntry(PrepareDefault(defaultValue), value, size, true);
 }
 
@@ -265,11 +326,11 @@ std::uint32_t UnreadableProfileDefault(WStringView defaultValue, WString& value,
 
 namespace {
 
-// The whole file; false with the Windows error code when it cannot be read.
-bool ReadWholeFile(const std::string& host, std::string& bytes, std::uint32_t& error) {
+// The whole file and its status as it was opened; false with the Windows
+// error code when it cannot be read.
+bool ReadWholeFile(const std::string& host, std::string& bytes, struct stat& st, std::uint32_t& error) {
   int fd = posix::OpenForReading(host, error);
   if (fd < 0) return false;
-  struct stat st;
   if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
     ::close(fd);
     error = kErrorAccessDenied;
@@ -297,6 +358,11 @@ bool ReadWholeFile(const std::string& host, std::string& bytes, std::uint32_t& e
 
 namespace {
 
+// Files up to this size are indexed when first read; larger ones are
+// searched line by line for each question, which keeps memory to the file's
+// bytes.
+constexpr std::size_t kIndexedFileLimit = 4 << 20;
+
 // The last profile file read, with what identifies its version on disk.
 struct ProfileCache {
   bool valid = false;
@@ -305,12 +371,26 @@ struct ProfileCache {
   ino_t inode = 0;
   off_t size = 0;
   timespec modified{};
-  std::string bytes;
+  bool indexed = false;
+  posix::ProfileIndex index;  // when indexed
+  std::string bytes;          // otherwise
 };
 
 ProfileCache& Cache() {
   static ProfileCache* cache = new ProfileCache;
   return *cache;
+}
+
+bool SameVersion(const ProfileCache& cache, const std::string& host, const struct stat& st) {
+  return cache.valid && cache.host == host && cache.device == st.st_dev && cache.inode == st.st_ino &&
+         cache.size == st.st_size && cache.modified.tv_sec == st.st_mtim.tv_sec &&
+         cache.modified.tv_nsec == st.st_mtim.tv_nsec;
+}
+
+std::uint32_t Answer(const ProfileCache& cache, const WString& section, const WString& key,
+                     const WString& defaultValue, WString& value, std::uint32_t size) {
+  if (cache.indexed) return posix::ReadProfileString(cache.index, section, key, defaultValue, value, size);
+  return posix::ReadProfileString(cache.bytes, section, key, defaultValue, value, size);
 }
 
 }  // namespace
@@ -324,23 +404,36 @@ std::uint32_t GetPrivateProfileStringW(const WString& section, const WString& ke
   ProfileCache& cache = Cache();
   struct stat st;
   if (posix::ToHostPath(path, host, error) && ::stat(host.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
-      cache.valid && cache.host == host && cache.device == st.st_dev && cache.inode == st.st_ino &&
-      cache.size == st.st_size && cache.modified.tv_sec == st.st_mtim.tv_sec &&
-      cache.modified.tv_nsec == st.st_mtim.tv_nsec) {
-    return posix::ReadProfileString(cache.bytes, section, key, defaultValue, value, size);
+      SameVersion(cache, host, st)) {
+    return Answer(cache, section, key, defaultValue, value, size);
   }
   cache.valid = false;
   std::string bytes;
-  if (host.empty() || !ReadWholeFile(host, bytes, error)) {
+  if (host.empty() || !ReadWholeFile(host, bytes, st, error)) {
     SetLastError(error);
     // A missing file reads as an empty one; any other failure gives the
     // default as written, quotes and all.
     if (error != kErrorFileNotFound) return posix::UnreadableProfileDefault(defaultValue, value, size);
     bytes.clear();
-  } else if (::stat(host.c_str(), &st) == 0) {
+  } else {
     // Kept while the file stays the same file, unchanged: a rewrite or a
     // rename onto it (a new inode) is read afresh.
-    cache = ProfileCache{true, host, st.st_dev, st.st_ino, st.st_size, st.st_mtim, bytes};
+    cache.host = host;
+    cache.device = st.st_dev;
+    cache.inode = st.st_ino;
+    cache.size = st.st_size;
+    cache.modified = st.st_mtim;
+    cache.indexed = bytes.size() <= kIndexedFileLimit;
+    if (cache.indexed) {
+      cache.index = posix::IndexProfile(bytes);
+      cache.bytes.clear();
+      cache.bytes.shrink_to_fit();
+    } else {
+      cache.index = {};
+      cache.bytes = std::move(bytes);
+    }
+    cache.valid = true;
+    return Answer(cache, section, key, defaultValue, value, size);
   }
   return posix::ReadProfileString(bytes, section, key, defaultValue, value, size);
 }

@@ -27,6 +27,8 @@
 
 #include <cstdint>
 #include <string_view>
+#include <unordered_map>
+#include <vector>
 
 #include "platform/wstring.h"
 
@@ -36,6 +38,25 @@ namespace qv::platform::posix {
 // `size` characters: the value (cut to size - 1) or the default, and its
 // length. A missing file reads as an empty one.
 std::uint32_t ReadProfileString(std::string_view fileBytes, WStringView section, WStringView key,
+                                WStringView defaultValue, WString& value, std::uint32_t size);
+
+// A file's sections and keys, decoded once, for a file that is asked many
+// questions. Names are kept folded; each section holds the first line of
+// each of its keys.
+struct ProfileIndex {
+  struct Entry {
+    bool hasValue = false;  // false for a line without "="
+    WString value;
+  };
+  using Section = std::unordered_map<WString, Entry>;
+  std::vector<Section> sections;  // [0] holds the lines before any header
+  std::unordered_map<WString, std::size_t> named;  // first section of a name
+};
+
+ProfileIndex IndexProfile(std::string_view fileBytes);
+
+// ReadProfileString answered from the index: the same answers.
+std::uint32_t ReadProfileString(const ProfileIndex& index, WStringView section, WStringView key,
                                 WStringView defaultValue, WString& value, std::uint32_t size);
 
 // The answer when the file exists but cannot be opened, or its folder is
