@@ -599,24 +599,12 @@ WineRegistry ParseWineRegistry(std::shared_ptr<const void> storage, std::string_
   const auto less = [&registry](const WineRegistryKeyEntry& a, const WineRegistryKeyEntry& b) {
     return EntryLess(registry, a, b);
   };
-  if (!std::is_sorted(registry.keys.begin(), registry.keys.end(), less)) {
-    // A hand-made file: decode every name once and sort by the folded paths.
-    WString folded;
-    for (WineRegistryKeyEntry& entry : registry.keys) {
-      if (entry.plain) {
-        folded = FoldedPath(registry, entry);
-        entry.foldedBegin = static_cast<std::uint32_t>(registry.foldedPaths.size());
-        entry.foldedLength = static_cast<std::uint32_t>(folded.size());
-        registry.foldedPaths += folded;
-        entry.plain = false;
-      }
-    }
-    std::stable_sort(registry.keys.begin(), registry.keys.end(),
-                     [&registry](const WineRegistryKeyEntry& a, const WineRegistryKeyEntry& b) {
-                       const WStringView paths = registry.foldedPaths;
-                       return PathLess(paths.substr(a.foldedBegin, a.foldedLength),
-                                       paths.substr(b.foldedBegin, b.foldedLength));
-                     });
+  // A file Wine wrote is in order; one with keys added by hand at its end
+  // is an ordered run and a short tail: sort the tail and merge the two.
+  const auto tail = std::is_sorted_until(registry.keys.begin(), registry.keys.end(), less);
+  if (tail != registry.keys.end()) {
+    std::stable_sort(tail, registry.keys.end(), less);
+    std::inplace_merge(registry.keys.begin(), tail, registry.keys.end(), less);
   }
   return registry;
 }
