@@ -2,7 +2,10 @@
 // subkeys (200 of them Fusion, each leading to a complete installation) and a
 // process table of 1,000 processes.
 //
-//   discovery_bench <wine prefix made by wineboot>
+//   discovery_bench <wine prefix made by wineboot> [--keep]
+//
+// With --keep the sandbox stays and its prefix and process table are
+// printed, for profiling the tool on it by hand.
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -16,7 +19,7 @@ using namespace qv::bench;
 
 int main(int argc, char** argv) {
   if (argc < 2) {
-    std::fprintf(stderr, "usage: %s <wine prefix made by wineboot>\n", argv[0]);
+    std::fprintf(stderr, "usage: %s <wine prefix made by wineboot> [--keep]\n", argv[0]);
     return 2;
   }
   std::ifstream in(std::string(argv[1]) + "/system.reg", std::ios::binary);
@@ -61,6 +64,10 @@ int main(int argc, char** argv) {
   ProcessFigures status =
       TimeProcess(20, QUORVANE_BINARY, {"/status"}, {{"WINEPREFIX", s.prefix}, {"QUORVANE_PROC_ROOT", s.proc}});
   Print("Quorvane_Setup /status, 2,000 Uninstall keys, 1,000 processes", status);
-  std::system(("rm -rf " + s.root).c_str());
+  if (argc > 2 && std::string(argv[2]) == "--keep") {
+    std::printf("kept: WINEPREFIX=%s QUORVANE_PROC_ROOT=%s\n", s.prefix.c_str(), s.proc.c_str());
+  } else {
+    std::system(("rm -rf " + s.root).c_str());
+  }
   return status.exitCode == 1 || status.exitCode == 0 ? 0 : 1;
 }

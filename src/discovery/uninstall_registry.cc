@@ -1,3 +1,4 @@
+#include <memory>
 #include <vector>
 
 #include "discovery/discovery.h"
@@ -33,15 +34,21 @@ WString IconPath(const WString& value) {
 }  // namespace
 
 WString ReadRegistryPathValue(platform::RegKey key, const WString& valueName) {
-  std::vector<std::uint8_t> buffer(kValueBufferBytes, 0);
+  // The call fills only the `size` bytes it reports; the text is read from
+  // those as from a zero-filled buffer, a missing last byte or terminator
+  // being zero. Not filling 64 KB with zeros for each of thousands of values
+  // keeps the scan of a large Uninstall key fast.
+  std::unique_ptr<std::uint8_t[]> buffer(new std::uint8_t[kValueBufferBytes]);
   std::uint32_t type = 0;
   std::uint32_t size = kValueBufferBytes;
-  if (platform::RegQueryValueExW(key, valueName, type, buffer.data(), size) != 0) return {};
+  if (platform::RegQueryValueExW(key, valueName, type, buffer.get(), size) != 0) return {};
   if (type != platform::kRegSz && type != platform::kRegExpandSz) return {};
   if (size >= kValueBufferBytes) return {};
   WString text;
-  for (std::size_t i = 0; i + 1 < buffer.size(); i += 2) {
-    const WChar c = static_cast<WChar>(buffer[i] | (buffer[i + 1] << 8));
+  text.reserve(size / 2);
+  for (std::size_t i = 0; i < size; i += 2) {
+    const std::uint8_t high = i + 1 < size ? buffer[i + 1] : 0;
+    const WChar c = static_cast<WChar>(buffer[i] | (high << 8));
     if (c == 0) break;
     text.push_back(c);
   }

@@ -1,5 +1,7 @@
 #include "user/user_folders.h"
 
+#include <memory>
+
 #include "paths/path_rules.h"
 #include "platform/platform.h"
 
@@ -60,14 +62,18 @@ WString GetProfileRoot() {
     *handle.out() = 0;
     return {};
   }
-  std::vector<std::uint8_t> buffer(kBufferCharacters * 2, 0);
+  // The call fills only the `size` bytes it reports: the text is read from
+  // those as from a zero-filled buffer, a missing last byte or terminator
+  // being zero.
+  std::unique_ptr<std::uint8_t[]> buffer(new std::uint8_t[kBufferCharacters * 2]);
   std::uint32_t type = 0;
   std::uint32_t size = 65536;
-  const std::int32_t result = platform::RegQueryValueExW(handle.get(), u"ProfileImagePath", type, buffer.data(), size);
+  const std::int32_t result = platform::RegQueryValueExW(handle.get(), u"ProfileImagePath", type, buffer.get(), size);
   if (result != 0 || (type != platform::kRegSz && type != platform::kRegExpandSz)) return {};
   WString value;
-  for (std::size_t i = 0; i + 1 < buffer.size(); i += 2) {
-    const WChar c = static_cast<WChar>(buffer[i] | (buffer[i + 1] << 8));
+  for (std::size_t i = 0; i < size && i < kBufferCharacters * 2; i += 2) {
+    const std::uint8_t high = i + 1 < size ? buffer[i + 1] : 0;
+    const WChar c = static_cast<WChar>(buffer[i] | (high << 8));
     if (c == 0) break;
     value.push_back(c);
   }

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 
 #include "platform/constants.h"
 #include "platform/posix/host.h"
@@ -18,13 +19,12 @@ std::string ProcessFolder(std::uint32_t processId) {
   return ProcRoot() + "/" + std::to_string(processId);
 }
 
-bool ReadWholeFile(const std::string& path, std::string& bytes, int& err) {
+namespace {
+
+// Reads an open file to its end, or (with `stopAt`) until a read brings that
+// byte; closes it.
+bool ReadOpenFile(int fd, std::string& bytes, int& err, int stopAt) {
   bytes.clear();
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    err = errno;
-    return false;
-  }
   char buffer[4096];
   for (;;) {
     ssize_t n = ::read(fd, buffer, sizeof buffer);
@@ -36,8 +36,43 @@ bool ReadWholeFile(const std::string& path, std::string& bytes, int& err) {
     }
     if (n == 0) break;
     bytes.append(buffer, static_cast<std::size_t>(n));
+    if (stopAt >= 0 && std::memchr(buffer, stopAt, static_cast<std::size_t>(n)) != nullptr) break;
   }
   ::close(fd);
+  return true;
+}
+
+}  // namespace
+
+bool ReadWholeFile(const std::string& path, std::string& bytes, int& err) {
+  bytes.clear();
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    err = errno;
+    return false;
+  }
+  return ReadOpenFile(fd, bytes, err, -1);
+}
+
+bool ReadWholeFileAt(int folder, const char* relative, std::string& bytes, int& err) {
+  bytes.clear();
+  int fd = ::openat(folder, relative, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    err = errno;
+    return false;
+  }
+  return ReadOpenFile(fd, bytes, err, -1);
+}
+
+bool ReadFirstArgumentAt(int folder, const char* relative, std::string& first, int& err) {
+  first.clear();
+  int fd = ::openat(folder, relative, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    err = errno;
+    return false;
+  }
+  if (!ReadOpenFile(fd, first, err, '\0')) return false;
+  first.resize(std::strlen(first.c_str()));
   return true;
 }
 

@@ -24,6 +24,13 @@ std::string ProcessFolder(std::uint32_t processId);
 // to the end). False with an errno value in `err`.
 bool ReadWholeFile(const std::string& path, std::string& bytes, int& err);
 
+// The same for a path relative to an open folder.
+bool ReadWholeFileAt(int folder, const char* relative, std::string& bytes, int& err);
+
+// argv[0] of the cmdline file at `relative` below an open folder: its bytes up
+// to the first NUL, read no further than that. False with an errno value.
+bool ReadFirstArgumentAt(int folder, const char* relative, std::string& first, int& err);
+
 // argv[0] of a cmdline file: the bytes up to the first NUL.
 std::string FirstArgument(const std::string& cmdline);
 

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cerrno>
 #include <memory>
 #include <vector>
@@ -22,45 +23,44 @@ struct Snapshot {
 };
 
 // The numeric folders of the process table, in ascending pid order.
-bool ListProcessIds(std::vector<std::uint32_t>& ids, std::uint32_t& error) {
-  std::string root = posix::ProcRoot();
-  DIR* dir = ::opendir(root.c_str());
-  if (dir == nullptr) {
-    error = posix::ErrnoToWinError(errno);
-    return false;
-  }
+bool ListProcessIds(DIR* dir, std::vector<std::uint32_t>& ids) {
   while (const dirent* entry = ::readdir(dir)) {
     std::string_view name(entry->d_name);
-    if (name.empty() || name.size() > 10 ||
-        !std::all_of(name.begin(), name.end(), [](char c) { return c >= '0' && c <= '9'; })) {
-      continue;
+    if (name.empty() || name.size() > 10) continue;
+    std::uint64_t id = 0;
+    bool digits = true;
+    for (char c : name) {
+      if (c < '0' || c > '9') {
+        digits = false;
+        break;
+      }
+      id = id * 10 + static_cast<std::uint64_t>(c - '0');
     }
-    std::uint64_t id = std::stoull(std::string(name));
-    if (id <= 0xFFFFFFFFull) ids.push_back(static_cast<std::uint32_t>(id));
+    if (digits && id <= 0xFFFFFFFFull) ids.push_back(static_cast<std::uint32_t>(id));
   }
-  ::closedir(dir);
   std::sort(ids.begin(), ids.end());
   return true;
 }
 
 // szExeFile: the last element of argv[0] when Wine put a Windows path there,
-// else the kernel's comm (the file name cut to 15 bytes). False for an entry
-// that has gone meanwhile.
-bool ExeFileName(const std::string& folder, WString& name) {
-  std::string cmdline;
+// else the kernel's comm (the file name cut to 15 bytes), which is read only
+// then. False for an entry that has gone meanwhile. `table` is the process
+// table's folder, open.
+bool ExeFileName(int table, std::uint32_t id, WString& name) {
+  char relative[32];
+  const int length = std::snprintf(relative, sizeof relative, "%u/cmdline", id);
+  std::string first;
   int err = 0;
-  if (posix::ReadWholeFile(folder + "/cmdline", cmdline, err)) {
-    std::string first = posix::FirstArgument(cmdline);
-    if (posix::IsAbsoluteWindowsPath(first)) {
-      std::string last = first.substr(first.find_last_of("\\/") + 1);
-      if (!last.empty()) {
-        name = Utf8ToWide(last);
-        return true;
-      }
+  if (posix::ReadFirstArgumentAt(table, relative, first, err) && posix::IsAbsoluteWindowsPath(first)) {
+    std::string_view last = std::string_view(first).substr(first.find_last_of("\\/") + 1);
+    if (!last.empty()) {
+      name = Utf8ToWide(last);
+      return true;
     }
   }
+  std::snprintf(relative + length - 7, sizeof relative - static_cast<std::size_t>(length - 7), "comm");
   std::string comm;
-  if (!posix::ReadWholeFile(folder + "/comm", comm, err)) return false;
+  if (!posix::ReadWholeFileAt(table, relative, comm, err)) return false;
   if (!comm.empty() && comm.back() == '\n') comm.pop_back();
   name = Utf8ToWide(comm);
   return true;
@@ -92,21 +92,25 @@ bool OwnSessionId(std::uint32_t& session) {
 
 Handle CreateToolhelp32Snapshot() {
   QV_FAULT_POINT("CreateToolhelp32Snapshot", return kInvalidHandle);
-  std::vector<std::uint32_t> ids;
-  std::uint32_t error = 0;
-  if (!ListProcessIds(ids, error)) {
-    SetLastError(error);
+  const std::string root = posix::ProcRoot();
+  DIR* dir = ::opendir(root.c_str());
+  if (dir == nullptr) {
+    SetLastError(posix::ErrnoToWinError(errno));
     return kInvalidHandle;
   }
+  std::vector<std::uint32_t> ids;
+  ListProcessIds(dir, ids);
   // The names are read now: the snapshot is a picture of this moment, and a
   // process that ends before its files are read is simply not in it.
   auto snapshot = std::make_shared<Snapshot>();
-  std::string root = posix::ProcRoot();
+  snapshot->entries.reserve(ids.size());
+  const int table = ::dirfd(dir);
   for (std::uint32_t id : ids) {
     ProcessEntry entry;
     entry.processId = id;
-    if (ExeFileName(root + "/" + std::to_string(id), entry.exeFile)) snapshot->entries.push_back(entry);
+    if (ExeFileName(table, id, entry.exeFile)) snapshot->entries.push_back(std::move(entry));
   }
+  ::closedir(dir);
   return posix::RegisterHandle(posix::HandleKind::Snapshot, snapshot);
 }
 

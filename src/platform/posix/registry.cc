@@ -13,6 +13,7 @@
 // stay stable while the server rewrites the file.
 #include <fcntl.h>
 #include <pwd.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -50,6 +51,7 @@ struct CachedHive {
   ino_t inode = 0;
   off_t size = -1;
   struct timespec modified = {};
+  struct timespec changed = {};
   std::shared_ptr<const WineRegistry> registry;
 };
 
@@ -69,47 +71,88 @@ const std::shared_ptr<const WineRegistry>& EmptyRegistry() {
   return empty;
 }
 
+// The bytes of a registry file, in memory of their own: a private copy, so
+// that whatever happens to the file later cannot reach the parsed index.
+// The pages are mapped and filled in one step (MAP_POPULATE): taking them
+// one fault at a time costs more than reading the file.
+class FileBytes {
+ public:
+  FileBytes() = default;
+  FileBytes(const FileBytes&) = delete;
+  FileBytes& operator=(const FileBytes&) = delete;
+  ~FileBytes() {
+    if (data_ != nullptr) ::munmap(data_, capacity_);
+  }
+
+  bool Reserve(std::size_t capacity) {
+    void* mapped = MAP_FAILED;
+    if (data_ == nullptr) {
+      mapped = ::mmap(nullptr, capacity, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
+    } else {
+      mapped = ::mremap(data_, capacity_, capacity, MREMAP_MAYMOVE);
+    }
+    if (mapped == MAP_FAILED) return false;
+    data_ = static_cast<char*>(mapped);
+    capacity_ = capacity;
+    return true;
+  }
+  char* data() const { return data_; }
+  std::size_t capacity() const { return capacity_; }
+  std::size_t size = 0;
+
+ private:
+  char* data_ = nullptr;
+  std::size_t capacity_ = 0;
+};
+
 // Reads the file into one buffer of its size; a file that grew meanwhile
 // is read to its end.
-bool ReadWholeFile(int fd, off_t size, std::string& bytes) {
-  bytes.assign(static_cast<std::size_t>(size) + 1, '\0');
-  std::size_t filled = 0;
+bool ReadWholeFile(int fd, off_t size, FileBytes& bytes) {
+  if (!bytes.Reserve(static_cast<std::size_t>(size) + 1)) return false;
   while (true) {
-    if (filled == bytes.size()) {
-      if (bytes.size() >= static_cast<std::size_t>(kMaxRegistryFileSize)) return false;
-      bytes.resize(bytes.size() * 2);
+    if (bytes.size == bytes.capacity()) {
+      if (bytes.capacity() >= static_cast<std::size_t>(kMaxRegistryFileSize)) return false;
+      if (!bytes.Reserve(bytes.capacity() * 2)) return false;
     }
-    ssize_t n = ::read(fd, bytes.data() + filled, bytes.size() - filled);
+    ssize_t n = ::read(fd, bytes.data() + bytes.size, bytes.capacity() - bytes.size);
     if (n < 0) {
       if (errno == EINTR) continue;
       return false;
     }
     if (n == 0) break;
-    filled += static_cast<std::size_t>(n);
+    bytes.size += static_cast<std::size_t>(n);
   }
-  bytes.resize(filled);
   return true;
 }
 
-// The parsed file of a hive; the caller holds registryMutex.
+bool SameFile(const CachedHive& cached, const std::string& path, const struct stat& status) {
+  return cached.registry && cached.path == path && cached.device == status.st_dev && cached.inode == status.st_ino &&
+         cached.size == status.st_size && cached.modified.tv_sec == status.st_mtim.tv_sec &&
+         cached.modified.tv_nsec == status.st_mtim.tv_nsec && cached.changed.tv_sec == status.st_ctim.tv_sec &&
+         cached.changed.tv_nsec == status.st_ctim.tv_nsec;
+}
+
+// The parsed file of a hive; the caller holds registryMutex. Every call
+// looks at the file, so a rewrite is seen at the next call; an unchanged file
+// costs one stat.
 std::shared_ptr<const WineRegistry> LoadHive(Hive hive) {
   std::string path = posix::PrefixDirectory() + (hive == Hive::Machine ? "/system.reg" : "/user.reg");
   CachedHive& cached = cachedHives[hive == Hive::Machine ? 0 : 1];
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) return EmptyRegistry();
+  if (S_ISREG(status.st_mode) && SameFile(cached, path, status)) return cached.registry;
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return EmptyRegistry();
-  struct stat status {};
   if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode) || status.st_size > kMaxRegistryFileSize) {
     ::close(fd);
     return EmptyRegistry();
   }
-  if (cached.registry && cached.path == path && cached.device == status.st_dev && cached.inode == status.st_ino &&
-      cached.size == status.st_size && cached.modified.tv_sec == status.st_mtim.tv_sec &&
-      cached.modified.tv_nsec == status.st_mtim.tv_nsec) {
+  if (SameFile(cached, path, status)) {
     ::close(fd);
     return cached.registry;
   }
-  std::string bytes;
-  bool read = ReadWholeFile(fd, status.st_size, bytes);
+  auto bytes = std::make_shared<FileBytes>();
+  bool read = ReadWholeFile(fd, status.st_size, *bytes);
   ::close(fd);
   if (!read) return EmptyRegistry();
   cached.path = path;
@@ -117,7 +160,9 @@ std::shared_ptr<const WineRegistry> LoadHive(Hive hive) {
   cached.inode = status.st_ino;
   cached.size = status.st_size;
   cached.modified = status.st_mtim;
-  cached.registry = std::make_shared<const WineRegistry>(posix::ParseWineRegistry(std::move(bytes)));
+  cached.changed = status.st_ctim;
+  const std::string_view text(bytes->data(), bytes->size);
+  cached.registry = std::make_shared<const WineRegistry>(posix::ParseWineRegistry(std::move(bytes), text));
   return cached.registry;
 }
 
@@ -200,21 +245,32 @@ bool LinkTarget(const WineRegistry& registry, const WString& path, Hive& hive, s
 
 // Walks the path one component at a time, following links as Wine's server
 // does: every link on the way, and the last key's own link unless
-// `followLast` is false.
-std::int32_t ResolveKey(Hive& hive, std::vector<WString>& parts, bool followLast) {
+// `followLast` is false. The first `resolved` components are a key that an
+// earlier open already walked to (links followed), so the walk starts at the
+// last of them; after a link it starts again from the root of the target.
+std::int32_t ResolveKey(Hive& hive, std::vector<WString>& parts, bool followLast, std::size_t resolved) {
   std::shared_ptr<const WineRegistry> registry = LoadHive(hive);
   int links = 0;
-  for (std::size_t i = 1; i <= parts.size(); ++i) {
-    WString prefix = JoinComponents(parts, i);
-    if (!posix::WineKeyExists(*registry, prefix)) return static_cast<std::int32_t>(kErrorFileNotFound);
-    if ((i < parts.size() || followLast) && posix::WineKeyIsLink(*registry, prefix)) {
+  WString folded;  // the first i components, folded and joined
+  std::size_t i = resolved > 1 ? resolved - 1 : 0;
+  for (std::size_t k = 0; k < i; ++k) {
+    if (k != 0) folded.push_back(u'\\');
+    folded += posix::FoldRegistryName(parts[k]);
+  }
+  for (++i; i <= parts.size(); ++i) {
+    if (i > 1) folded.push_back(u'\\');
+    folded += posix::FoldRegistryName(parts[i - 1]);
+    const posix::WineKeyState state = posix::LookUpFoldedWineKey(*registry, folded);
+    if (!state.exists) return static_cast<std::int32_t>(kErrorFileNotFound);
+    if ((i < parts.size() || followLast) && state.link) {
       std::vector<WString> target;
-      if (++links > kMaxLinks || !LinkTarget(*registry, prefix, hive, target)) {
+      if (++links > kMaxLinks || !LinkTarget(*registry, JoinComponents(parts, i), hive, target)) {
         return static_cast<std::int32_t>(kErrorFileNotFound);
       }
       target.insert(target.end(), parts.begin() + static_cast<std::ptrdiff_t>(i), parts.end());
       parts = std::move(target);
       registry = LoadHive(hive);
+      folded.clear();
       i = 0;
     }
   }
@@ -319,6 +375,10 @@ std::int32_t RegOpenKeyExW(RegKey root, const WString& subKey, std::uint32_t opt
   }
   std::vector<WString> parts;
   AppendComponents(base, parts, true);
+  // An open key's path was walked when it was opened: only what lies below
+  // it needs walking now, from the key itself (whose own link, kept by
+  // REG_OPTION_OPEN_LINK, is followed on the way down).
+  std::size_t resolved = IsPredefined(root) ? 0 : parts.size();
   if (!AppendComponents(subKey, parts, false)) {
     SetLastError(kErrorFileNotFound);
     return static_cast<std::int32_t>(kErrorFileNotFound);
@@ -327,9 +387,10 @@ std::int32_t RegOpenKeyExW(RegKey root, const WString& subKey, std::uint32_t opt
   if (hive == Hive::Machine && (samDesired & kKeyWow64_32Key) != 0 && parts.size() >= 2 &&
       posix::FoldRegistryName(parts[0]) == u"software" && posix::FoldRegistryName(parts[1]) != u"wow6432node") {
     parts.insert(parts.begin() + 1, u"Wow6432Node");
+    resolved = 0;
   }
   constexpr std::uint32_t kOpenLink = 0x8;  // REG_OPTION_OPEN_LINK
-  if (std::int32_t error = ResolveKey(hive, parts, (options & kOpenLink) == 0); error != 0) {
+  if (std::int32_t error = ResolveKey(hive, parts, (options & kOpenLink) == 0, resolved); error != 0) {
     SetLastError(static_cast<std::uint32_t>(error));
     return error;
   }

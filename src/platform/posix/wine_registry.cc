@@ -186,21 +186,12 @@ bool ParseHexData(std::string_view text, std::size_t sectionEnd, Line& line, std
   }
 }
 
-// Reads the value line `line` (and its continuation lines): its name and
-// data. `line` is left on the last line that the value used.
-bool ParseValueLine(std::string_view text, std::size_t sectionEnd, Line& line, WString& name,
+// Reads the data of the value line `line` (and its continuation lines) from
+// `pos`, just after the name. `line` is left on the last line that the value
+// used.
+bool ParseValueData(std::string_view text, std::size_t sectionEnd, Line& line, std::size_t pos,
                     WineRegistryValue& value) {
   std::string_view t = line.text;
-  std::size_t pos = SkipSpaces(t, 0);
-  name.clear();
-  if (pos < t.size() && t[pos] == '@') {
-    ++pos;
-  } else if (pos < t.size() && t[pos] == '"') {
-    ++pos;
-    if (!DecodeRegistryString(t, pos, '"', name)) return false;
-  } else {
-    return false;
-  }
   pos = SkipSpaces(t, pos);
   if (pos >= t.size() || t[pos] != '=') return false;
   pos = SkipSpaces(t, pos + 1);
@@ -244,32 +235,119 @@ bool ParseValueLine(std::string_view text, std::size_t sectionEnd, Line& line, W
   return true;
 }
 
-// The first entry whose folded path does not come before `path`.
-std::vector<WineRegistryKeyEntry>::const_iterator LowerBound(const WineRegistry& registry, WStringView path) {
-  return std::lower_bound(
-      registry.keys.begin(), registry.keys.end(), path,
-      [&registry](const WineRegistryKeyEntry& e, WStringView p) { return PathLess(FoldedPath(registry, e), p); });
+enum class Match { Whole, Prefix, PrefixAndSeparator };
+
+// The index's order between one entry's folded path and `query`: negative,
+// zero or positive. With Match::Prefix an entry that begins with the query
+// compares equal; with Match::PrefixAndSeparator one that begins with the
+// query and a separator (any non-empty path, for an empty query).
+int CompareEntry(const WineRegistry& registry, const WineRegistryKeyEntry& entry, WStringView query,
+                 Match match = Match::Whole) {
+  std::size_t j = 0;
+  const std::size_t n = query.size();
+  const auto differ = [](char16_t a, char16_t b) {
+    if (a == u'\\') return -1;
+    if (b == u'\\') return 1;
+    return a < b ? -1 : 1;
+  };
+  bool more = false;
+  char16_t first = 0;  // the entry's unit just past the query
+  if (entry.plain) {
+    const char* raw = registry.text.data() + entry.name;
+    const char* end = raw + entry.nameLength;
+    while (raw < end && j < n) {
+      char16_t unit = static_cast<unsigned char>(*raw);
+      if (unit == u'\\') {
+        raw += 2;
+      } else {
+        if (unit >= u'A' && unit <= u'Z') unit = static_cast<char16_t>(unit + 32);
+        ++raw;
+      }
+      if (unit != query[j]) return differ(unit, query[j]);
+      ++j;
+    }
+    more = raw < end;
+    if (more) first = *raw == '\\' ? u'\\' : u'x';
+  } else {
+    const char16_t* folded = registry.foldedPaths.data() + entry.foldedBegin;
+    const char16_t* end = folded + entry.foldedLength;
+    while (folded < end && j < n) {
+      if (*folded != query[j]) return differ(*folded, query[j]);
+      ++folded;
+      ++j;
+    }
+    more = folded < end;
+    if (more) first = *folded == u'\\' ? u'\\' : u'x';
+  }
+  if (j < n) return -1;  // the entry's path ended first
+  if (!more) return match == Match::PrefixAndSeparator ? -1 : 0;
+  if (match == Match::Prefix) return 0;
+  if (match == Match::PrefixAndSeparator) {
+    if (n == 0 || first == u'\\') return 0;
+    return 1;
+  }
+  return 1;
 }
 
-// Calls `visit(name, value)` for each readable value line of the sections
-// of one key, in file order.
+// The first entry whose folded path does not come before `path`.
+std::vector<WineRegistryKeyEntry>::const_iterator LowerBound(const WineRegistry& registry, WStringView path) {
+  return std::partition_point(registry.keys.begin(), registry.keys.end(),
+                              [&](const WineRegistryKeyEntry& e) { return CompareEntry(registry, e, path) < 0; });
+}
+
+// Reads the name of the value line `line` into `name`, leaving `pos` after
+// it; false for a line that is not a value.
+bool ParseValueName(std::string_view t, std::size_t& pos, WString& name) {
+  pos = SkipSpaces(t, 0);
+  name.clear();
+  if (pos < t.size() && t[pos] == '@') {
+    ++pos;
+    return true;
+  }
+  if (pos < t.size() && t[pos] == '"') {
+    ++pos;
+    return DecodeRegistryString(t, pos, '"', name);
+  }
+  return false;
+}
+
+// Calls `visit(name, line, pos)` for each value line of the sections of one
+// key, in file order, with `pos` just after the value's name; `visit` may
+// move `line` on to continuation lines.
 template <typename Visit>
-void ForEachValueLine(const WineRegistry& registry, WStringView foldedPath, Visit visit) {
-  auto first = LowerBound(registry, foldedPath);
+void ForEachValueName(const WineRegistry& registry, WStringView foldedPath, Visit visit) {
   std::string_view text = registry.text;
   WString name;
-  WineRegistryValue value;
-  for (auto it = first; it != registry.keys.end() && FoldedPath(registry, *it) == foldedPath; ++it) {
+  for (auto it = LowerBound(registry, foldedPath);
+       it != registry.keys.end() && CompareEntry(registry, *it, foldedPath) == 0; ++it) {
     std::size_t pos = it->bodyBegin;
     while (pos < it->bodyEnd) {
       Line line = LineAt(text, pos, it->bodyEnd);
       std::size_t i = SkipSpaces(line.text, 0);
       if (i < line.text.size() && (line.text[i] == '"' || line.text[i] == '@')) {
-        if (ParseValueLine(text, it->bodyEnd, line, name, value)) visit(name, value);
+        std::size_t after = 0;
+        if (ParseValueName(line.text, after, name)) visit(name, line, after, it->bodyEnd);
       }
       pos = line.next;
     }
   }
+}
+
+// Whether the data of a value line, from just after its name, is in a hex
+// form ("hex:" or "hex(N):"), the only form that can go on to further lines.
+bool HasHexData(std::string_view t, std::size_t pos) {
+  pos = SkipSpaces(t, pos);
+  if (pos >= t.size() || t[pos] != '=') return false;
+  return t.substr(SkipSpaces(t, pos + 1)).starts_with("hex");
+}
+
+// Whether a folded value name equals `wanted` (already folded).
+bool SameFoldedName(const WString& name, const WString& wanted) {
+  if (name.size() != wanted.size()) return false;
+  for (std::size_t i = 0; i < name.size(); ++i) {
+    if (FoldRegistryChar(name[i]) != wanted[i]) return false;
+  }
+  return true;
 }
 
 }  // namespace
@@ -379,103 +457,215 @@ bool DecodeRegistryString(std::string_view line, std::size_t& pos, char terminat
   return terminator == '\0';
 }
 
+WString FoldedPath(const WineRegistry& registry, const WineRegistryKeyEntry& entry) {
+  if (!entry.plain) return WString(WStringView(registry.foldedPaths).substr(entry.foldedBegin, entry.foldedLength));
+  WString path;
+  path.reserve(entry.nameLength);
+  const char* raw = registry.text.data() + entry.name;
+  const char* end = raw + entry.nameLength;
+  while (raw < end) {
+    char16_t unit = static_cast<unsigned char>(*raw);
+    raw += unit == u'\\' ? 2 : 1;
+    path.push_back(FoldRegistryChar(unit));
+  }
+  return path;
+}
+
 WineRegistry ParseWineRegistry(std::string bytes) {
+  auto storage = std::make_shared<std::string>(std::move(bytes));
+  std::string_view text = *storage;
+  return ParseWineRegistry(std::move(storage), text);
+}
+
+namespace {
+
+// Reads the header whose '[' is at `bracket` in `line` into `entry`: false
+// for a line that names no key, or a name with an empty component. A plain
+// name (ASCII, its only escapes the doubled separators) is checked where it
+// stands; any other is decoded and its folded path kept in `foldedPaths`.
+bool IndexHeader(std::string_view text, const Line& line, std::size_t bracket, WString& scratch,
+                 WString& foldedPaths, WineRegistryKeyEntry& entry) {
+  const char* start = line.text.data() + bracket + 1;
+  const char* end = line.text.data() + line.text.size();
+  const char* p = start;
+  bool plain = true;
+  bool separatorLast = false;  // of a plain name: the last thing read was a separator
+  bool emptyComponent = false;
+  while (p < end && *p != ']') {
+    const auto c = static_cast<unsigned char>(*p);
+    if (c == '\\') {
+      if (p + 1 >= end) return false;  // the line ends inside an escape
+      if (p[1] == '\\') {
+        if (p == start || separatorLast) emptyComponent = true;
+        separatorLast = true;
+      } else {
+        plain = false;
+      }
+      p += 2;
+      continue;
+    }
+    if (c >= 0x80) plain = false;
+    separatorLast = false;
+    ++p;
+  }
+  if (p >= end) return false;  // no closing bracket
+  entry.name = static_cast<std::uint32_t>(start - text.data());
+  entry.nameLength = static_cast<std::uint32_t>(p - start);
+  entry.plain = plain;
+  if (plain) return !emptyComponent && !separatorLast;
+  if (!ReadHeaderName(line.text, bracket, scratch)) return false;
+  entry.foldedBegin = static_cast<std::uint32_t>(foldedPaths.size());
+  entry.foldedLength = static_cast<std::uint32_t>(scratch.size());
+  for (char16_t unit : scratch) foldedPaths.push_back(FoldRegistryChar(unit));
+  return true;
+}
+
+// The order of two entries; plain names are compared where they stand.
+bool EntryLess(const WineRegistry& registry, const WineRegistryKeyEntry& a, const WineRegistryKeyEntry& b) {
+  if (!a.plain || !b.plain) return PathLess(FoldedPath(registry, a), FoldedPath(registry, b));
+  const char* x = registry.text.data() + a.name;
+  const char* xEnd = x + a.nameLength;
+  const char* y = registry.text.data() + b.name;
+  const char* yEnd = y + b.nameLength;
+  // Both names advance alike while they agree: a separator is the same two
+  // bytes in each.
+  for (; x < xEnd && y < yEnd; ++x, ++y) {
+    char cx = *x >= 'A' && *x <= 'Z' ? static_cast<char>(*x + 32) : *x;
+    char cy = *y >= 'A' && *y <= 'Z' ? static_cast<char>(*y + 32) : *y;
+    if (cx == cy) continue;
+    if (cx == '\\') return true;
+    if (cy == '\\') return false;
+    return static_cast<unsigned char>(cx) < static_cast<unsigned char>(cy);
+  }
+  return x == xEnd && y != yEnd;
+}
+
+}  // namespace
+
+WineRegistry ParseWineRegistry(std::shared_ptr<const void> storage, std::string_view text) {
   WineRegistry registry;
-  registry.text = std::move(bytes);
-  std::string_view text = registry.text;
+  registry.storage = std::move(storage);
+  registry.text = text;
   const std::size_t end = text.size();
-  if (end == 0) return registry;
+  if (end == 0 || end > 0xFFFFFFFFu) return registry;
 
   Line first = LineAt(text, 0, end);
   if (first.text != kSignature) return registry;
   registry.signature = true;
 
   // Room for the index at once: a header line in Wine's files is well over 64
-  // bytes with its "#time=" line, and paths are shorter than their lines.
-  // Untouched room costs no memory.
+  // bytes with its "#time=" line. Untouched room costs no memory.
   registry.keys.reserve(end / 64 + 16);
-  registry.foldedPaths.reserve(end / 2 + 16);
 
   constexpr std::size_t kNone = static_cast<std::size_t>(-1);
   std::size_t current = kNone;
-  WString name;
+  WString scratch;
   for (std::size_t pos = first.next; pos < end;) {
+    // Most lines are values or "#time=": only the first character decides,
+    // and the line's end is found with one memchr.
+    std::size_t i = pos;
+    while (i < end && IsSpace(text[i])) ++i;
+    const char c = i < end ? text[i] : '\n';
+    if (c != '[' && c != '#' && c != ';') {
+      const void* newline = c == '\n' ? text.data() + i : std::memchr(text.data() + i, '\n', end - i);
+      pos = newline != nullptr ? static_cast<std::size_t>(static_cast<const char*>(newline) - text.data()) + 1 : end;
+      continue;
+    }
     Line line = LineAt(text, pos, end);
-    std::size_t i = SkipSpaces(line.text, 0);
-    if (i < line.text.size()) {
-      char c = line.text[i];
-      if (c == '[') {
-        if (current != kNone) registry.keys[current].bodyEnd = line.begin;
-        current = kNone;
-        if (ReadHeaderName(line.text, i, name)) {
-          WineRegistryKeyEntry entry;
-          entry.pathBegin = registry.foldedPaths.size();
-          entry.pathLength = name.size();
-          registry.foldedPaths.resize(entry.pathBegin + name.size());
-          char16_t* folded = registry.foldedPaths.data() + entry.pathBegin;
-          for (char16_t unit : name) *folded++ = FoldRegistryChar(unit);
-          entry.header = line.begin + i;
-          entry.bodyBegin = line.next;
-          entry.bodyEnd = end;
-          entry.order = static_cast<std::uint32_t>(registry.keys.size());
-          current = registry.keys.size();
-          registry.keys.push_back(std::move(entry));
-        }
-      } else if (c == '#') {
-        if (current != kNone && line.text.substr(i).starts_with("#link")) registry.keys[current].link = true;
-      } else if (c == ';' && registry.keys.empty() && registry.relativeTo.empty() &&
-                 line.text.substr(i).starts_with(kRelativeTo)) {
-        std::size_t p = i + kRelativeTo.size();
-        DecodeRegistryString(line.text, p, '\0', registry.relativeTo);
+    i -= pos;
+    if (i >= line.text.size()) {  // a line of blanks and a CR
+      pos = line.next;
+      continue;
+    }
+    if (c == '[') {
+      if (current != kNone) registry.keys[current].bodyEnd = static_cast<std::uint32_t>(line.begin);
+      current = kNone;
+      WineRegistryKeyEntry entry;
+      if (IndexHeader(text, line, i, scratch, registry.foldedPaths, entry)) {
+        entry.bodyBegin = static_cast<std::uint32_t>(line.next);
+        entry.bodyEnd = static_cast<std::uint32_t>(end);
+        entry.order = static_cast<std::uint32_t>(registry.keys.size());
+        current = registry.keys.size();
+        registry.keys.push_back(entry);
       }
+    } else if (c == '#') {
+      if (current != kNone && line.text.substr(i).starts_with("#link")) registry.keys[current].link = true;
+    } else if (registry.keys.empty() && registry.relativeTo.empty() && line.text.substr(i).starts_with(kRelativeTo)) {
+      std::size_t p = i + kRelativeTo.size();
+      DecodeRegistryString(line.text, p, '\0', registry.relativeTo);
     }
     pos = line.next;
   }
   const auto less = [&registry](const WineRegistryKeyEntry& a, const WineRegistryKeyEntry& b) {
-    return PathLess(FoldedPath(registry, a), FoldedPath(registry, b));
+    return EntryLess(registry, a, b);
   };
-  if (!std::is_sorted(registry.keys.begin(), registry.keys.end(), less)) {
-    std::stable_sort(registry.keys.begin(), registry.keys.end(), less);
+  // A file Wine wrote is in order; one with keys added by hand at its end
+  // is an ordered run and a short tail: sort the tail and merge the two.
+  const auto tail = std::is_sorted_until(registry.keys.begin(), registry.keys.end(), less);
+  if (tail != registry.keys.end()) {
+    std::stable_sort(tail, registry.keys.end(), less);
+    std::inplace_merge(registry.keys.begin(), tail, registry.keys.end(), less);
   }
   return registry;
 }
 
+WineKeyState LookUpFoldedWineKey(const WineRegistry& registry, WStringView foldedPath) {
+  WineKeyState state;
+  if (foldedPath.empty()) {
+    state.exists = true;
+  }
+  auto it = LowerBound(registry, foldedPath);
+  // The first entry not before the path is the key's own header, or else the
+  // first header below it: a separator sorts before every other character.
+  for (; it != registry.keys.end() && CompareEntry(registry, *it, foldedPath) == 0; ++it) {
+    state.exists = true;
+    state.link = state.link || it->link;
+  }
+  if (!state.exists && it != registry.keys.end() &&
+      CompareEntry(registry, *it, foldedPath, Match::PrefixAndSeparator) == 0) {
+    state.exists = true;
+  }
+  return state;
+}
+
 bool WineKeyExists(const WineRegistry& registry, WStringView path) {
   if (path.empty()) return true;
-  WString folded = FoldRegistryName(path);
-  auto it = LowerBound(registry, folded);
-  if (it != registry.keys.end() && FoldedPath(registry, *it) == folded) return true;
-  folded.push_back(u'\\');
-  it = LowerBound(registry, folded);
-  return it != registry.keys.end() && StartsWith(FoldedPath(registry, *it), folded);
+  return LookUpFoldedWineKey(registry, FoldRegistryName(path)).exists;
 }
 
 bool WineKeyIsLink(const WineRegistry& registry, WStringView path) {
-  WString folded = FoldRegistryName(path);
-  for (auto it = LowerBound(registry, folded); it != registry.keys.end() && FoldedPath(registry, *it) == folded; ++it) {
-    if (it->link) return true;
-  }
-  return false;
+  return LookUpFoldedWineKey(registry, FoldRegistryName(path)).link;
 }
 
 std::vector<WString> WineSubkeyNames(const WineRegistry& registry, WStringView path) {
   WString prefix = FoldRegistryName(path);
   std::size_t depth = 0;
-  if (!prefix.empty()) {
-    depth = static_cast<std::size_t>(std::count(prefix.begin(), prefix.end(), u'\\')) + 1;
-    prefix.push_back(u'\\');
-  }
+  if (!prefix.empty()) depth = static_cast<std::size_t>(std::count(prefix.begin(), prefix.end(), u'\\')) + 1;
   struct Child {
-    WStringView folded;
+    WString folded;
     std::uint32_t order;
-    std::size_t header;
+    const WineRegistryKeyEntry* entry;
   };
   std::vector<Child> children;
-  for (auto it = LowerBound(registry, prefix);
-       it != registry.keys.end() && StartsWith(FoldedPath(registry, *it), prefix); ++it) {
-    if (it->pathLength == prefix.size()) continue;  // the root's own header
-    WStringView rest = FoldedPath(registry, *it).substr(prefix.size());
-    children.push_back({rest.substr(0, rest.find(u'\\')), it->order, it->header});
+  // The headers below the key follow its own, if it has one.
+  auto it = LowerBound(registry, prefix);
+  while (it != registry.keys.end() && CompareEntry(registry, *it, prefix) == 0) ++it;
+  const std::size_t skip = prefix.empty() ? 0 : prefix.size() + 1;
+  WString folded;
+  for (; it != registry.keys.end() && CompareEntry(registry, *it, prefix, Match::PrefixAndSeparator) == 0; ++it) {
+    folded = FoldedPath(registry, *it);
+    WStringView rest = WStringView(folded).substr(skip);
+    WStringView name = rest.substr(0, rest.find(u'\\'));
+    // Headers of one child lie together (its own, then its subtree's): only
+    // the first of a run is kept, the rest told apart by file order below.
+    if (!children.empty() && children.back().folded == name) {
+      if (it->order < children.back().order) {
+        children.back().order = it->order;
+        children.back().entry = &*it;
+      }
+      continue;
+    }
+    children.push_back({WString(name), it->order, &*it});
   }
   // Folded names in code-unit order are Wine's order; of one name, the
   // header that comes first in the file gives its case.
@@ -492,7 +682,18 @@ std::vector<WString> WineSubkeyNames(const WineRegistry& registry, WStringView p
   WString decoded;
   std::vector<WStringView> components;
   for (const Child& child : children) {
-    Line line = LineAt(text, child.header, text.size());
+    const WineRegistryKeyEntry& entry = *child.entry;
+    if (entry.plain) {
+      // The component as written: the bytes between its separators.
+      std::string_view raw = text.substr(entry.name, entry.nameLength);
+      std::size_t start = 0;
+      for (std::size_t d = 0; d < depth; ++d) start = raw.find("\\\\", start) + 2;
+      std::size_t stop = raw.find("\\\\", start);
+      std::string_view component = raw.substr(start, stop == std::string_view::npos ? raw.npos : stop - start);
+      names.emplace_back(component.begin(), component.end());
+      continue;
+    }
+    Line line = LineAt(text, entry.name - 1, text.size());
     if (ReadHeaderName(line.text, 0, decoded) && SplitKeyName(decoded, components) && components.size() > depth) {
       names.emplace_back(components[depth]);
     } else {
@@ -503,28 +704,39 @@ std::vector<WString> WineSubkeyNames(const WineRegistry& registry, WStringView p
 }
 
 bool FindWineValue(const WineRegistry& registry, WStringView path, WStringView name, WineRegistryValue& value) {
-  WString foldedPath = FoldRegistryName(path);
-  WString wanted = FoldRegistryName(name);
+  const WString foldedPath = FoldRegistryName(path);
+  const WString wanted = FoldRegistryName(name);
   bool found = false;
-  ForEachValueLine(registry, foldedPath, [&](const WString& valueName, WineRegistryValue& lineValue) {
-    if (valueName.size() != wanted.size() || FoldRegistryName(valueName) != wanted) return;
-    value = lineValue;
-    found = true;
-  });
+  WineRegistryValue lineValue;
+  ForEachValueName(registry, foldedPath,
+                   [&](const WString& valueName, Line& line, std::size_t pos, std::size_t sectionEnd) {
+                     if (!SameFoldedName(valueName, wanted)) {
+                       // Only hex data runs on over several lines: read it to
+                       // pass its continuation lines, as for any value.
+                       if (HasHexData(line.text, pos)) ParseValueData(registry.text, sectionEnd, line, pos, lineValue);
+                       return;
+                     }
+                     if (!ParseValueData(registry.text, sectionEnd, line, pos, lineValue)) return;
+                     value = lineValue;
+                     found = true;
+                   });
   return found;
 }
 
 std::vector<std::pair<WString, WineRegistryValue>> WineKeyValues(const WineRegistry& registry, WStringView path) {
   std::vector<std::pair<WString, WineRegistryValue>> values;
   std::unordered_map<WString, std::size_t> positions;
-  ForEachValueLine(registry, FoldRegistryName(path), [&](const WString& name, WineRegistryValue& value) {
-    auto [it, added] = positions.emplace(FoldRegistryName(name), values.size());
-    if (added) {
-      values.emplace_back(name, value);
-    } else {
-      values[it->second].second = value;
-    }
-  });
+  WineRegistryValue value;
+  ForEachValueName(registry, FoldRegistryName(path),
+                   [&](const WString& name, Line& line, std::size_t pos, std::size_t sectionEnd) {
+                     if (!ParseValueData(registry.text, sectionEnd, line, pos, value)) return;
+                     auto [it, added] = positions.emplace(FoldRegistryName(name), values.size());
+                     if (added) {
+                       values.emplace_back(name, value);
+                     } else {
+                       values[it->second].second = value;
+                     }
+                   });
   return values;
 }
 

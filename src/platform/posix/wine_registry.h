@@ -2,11 +2,15 @@
 // the file's bytes, internal to the posix backend.
 //
 // The file is kept as read. Parsing indexes the key headers only: each
-// "[Key\\Path] time" line becomes an entry with its folded path (all paths in
-// one buffer) and the span of lines below it, sorted by path. A key's values are decoded when they are
-// asked for, from the lines of its sections. So looking up one value in a
-// system.reg of 1.7 MB costs one pass over the line starts and the decoding of
-// about 9,000 header names, and the memory is the file plus the index.
+// "[Key\\Path] time" line becomes an entry that points at the name's bytes in
+// the file and at the span of lines below it, sorted by folded path. Names of
+// plain ASCII whose only escapes are the doubled separators (nearly every name
+// Wine writes) are compared straight from the file's bytes; only the other
+// names are decoded and folded into a side buffer. A key's values are decoded
+// when they are asked for, and of the value lines below it only those whose
+// name matches. So looking up one value in a system.reg of 1.7 MB costs one
+// pass over the line starts, and the memory is the file plus a small record
+// per header.
 //
 // What Wine's own loader does with the same file is the rule:
 // - the file must begin "WINE REGISTRY Version 2", or it holds no keys;
@@ -30,6 +34,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -40,30 +45,34 @@
 namespace qv::platform::posix {
 
 // One header of the file and the lines below it, up to the next header.
+// Offsets are into WineRegistry::text (files are far below 4 GB).
 struct WineRegistryKeyEntry {
-  std::size_t pathBegin = 0;  // the folded path in WineRegistry::foldedPaths
-  std::size_t pathLength = 0;
-  std::size_t header = 0;     // offset of the header's '['
-  std::size_t bodyBegin = 0;  // first line after the header
-  std::size_t bodyEnd = 0;    // start of the next header line, or the end
-  std::uint32_t order = 0;    // position among the headers, in file order
-  bool link = false;          // the section carries "#link"
+  std::uint32_t name = 0;           // first byte of the name, after the '['
+  std::uint32_t nameLength = 0;     // bytes of the name, up to its ']'
+  std::uint32_t bodyBegin = 0;      // first line after the header
+  std::uint32_t bodyEnd = 0;        // start of the next header line, or the end
+  std::uint32_t order = 0;          // position among the headers, in file order
+  std::uint32_t foldedBegin = 0;    // a name that is not plain: its folded path
+  std::uint32_t foldedLength = 0;   //   in WineRegistry::foldedPaths
+  bool plain = false;               // ASCII, and its only escapes are "\\\\"
+  bool link = false;                // the section carries "#link"
 };
 
 struct WineRegistry {
-  std::string text;
+  // The file's bytes; `storage` keeps them alive.
+  std::shared_ptr<const void> storage;
+  std::string_view text;
   bool signature = false;  // first line is "WINE REGISTRY Version 2"
   // The ";; All keys relative to ..." line, unescaped ("REGISTRY\User\S-...").
   WString relativeTo;
-  // The keys' paths, folded, components joined by '\', one after another.
+  // Folded paths of the names that are not plain, components joined by '\'.
   WString foldedPaths;
   // Sorted by folded path, entries of one path in file order.
   std::vector<WineRegistryKeyEntry> keys;
 };
 
-inline WStringView FoldedPath(const WineRegistry& registry, const WineRegistryKeyEntry& entry) {
-  return WStringView(registry.foldedPaths).substr(entry.pathBegin, entry.pathLength);
-}
+// The key's path, folded, components joined by single backslashes.
+WString FoldedPath(const WineRegistry& registry, const WineRegistryKeyEntry& entry);
 
 struct WineRegistryValue {
   std::uint32_t type = 0;
@@ -71,6 +80,8 @@ struct WineRegistryValue {
 };
 
 WineRegistry ParseWineRegistry(std::string bytes);
+// The same over bytes that `storage` owns and keeps in place.
+WineRegistry ParseWineRegistry(std::shared_ptr<const void> storage, std::string_view text);
 
 // Wine's case folding of one character and of a name.
 char16_t FoldRegistryChar(char16_t c);
@@ -82,6 +93,13 @@ int CompareRegistryNames(WStringView a, WStringView b);
 // backslashes, in any case; the empty path is the root itself.
 
 bool WineKeyExists(const WineRegistry& registry, WStringView path);
+// Whether the key exists and whether a header of it carries "#link", in one
+// look-up; `foldedPath` is already folded.
+struct WineKeyState {
+  bool exists = false;
+  bool link = false;
+};
+WineKeyState LookUpFoldedWineKey(const WineRegistry& registry, WStringView foldedPath);
 // Whether a header of the key carries "#link" (its target is the value
 // "SymbolicLinkValue").
 bool WineKeyIsLink(const WineRegistry& registry, WStringView path);

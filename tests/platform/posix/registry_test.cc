@@ -13,6 +13,7 @@
 #include <memory>
 #include <random>
 
+#include "discovery/discovery.h"
 #include "platform/platform.h"
 #include "platform/posix/host.h"
 #include "platform/posix/wine_registry.h"
@@ -184,6 +185,51 @@ TEST(WineRegistryReader, KeysValuesAndBadLinesAsWineLoadsThem) {
   EXPECT_FALSE(WineKeyExists(ParseWineRegistry("WINE REGISTRY Version 1\n[K]\n"), u"K"));
   EXPECT_FALSE(WineKeyExists(ParseWineRegistry("[K]\n"), u"K"));
   EXPECT_TRUE(WineKeyExists(ParseWineRegistry("WINE REGISTRY Version 2\r\n[K] 1\r\n"), u"K"));
+}
+
+TEST(WineRegistryReader, KeysAddedAfterWinesOrderedRunAndEscapedNamesFindTheirPlace) {
+  // Wine's ordered run, then keys added by hand at the end; plain names and
+  // names with escapes in both parts.
+  const auto registry = ParseWineRegistry(
+      "WINE REGISTRY Version 2\n"
+      "[Software\\\\A] 1\n"
+      "\"V\"=\"a\"\n"
+      "[Software\\\\C\\\\x\\x00c9] 1\n"
+      "\"V\"=\"c-e\"\n"
+      "[Software\\\\M] 1\n"
+      "\"Bin\"=hex:01,\\\n"
+      "  \"V\"=\"inside a broken hex value\"\n"
+      "\"W\"=\"m\"\n"
+      "[software\\\\b] 1\n"
+      "\"V\"=\"b\"\n"
+      "[Software\\\\C] 1\n"
+      "\"V\"=\"c\"\n"
+      "[Software\\\\A\\\\Deep] 1\n"
+      "[Software\\\\A\\\\\xc3\xa9] 1\n"
+      "[Software\\\\a] 2\n"
+      "\"V\"=\"a2\"\n");
+  std::vector<std::u16string> order;
+  for (const auto& entry : registry.keys) order.push_back(posix::FoldedPath(registry, entry));
+  EXPECT_EQ(order, (std::vector<std::u16string>{u"software\\a", u"software\\a", u"software\\a\\deep",
+                                                u"software\\a\\é", u"software\\b", u"software\\c",
+                                                u"software\\c\\xé", u"software\\m"}));
+  EXPECT_EQ(WineSubkeyNames(registry, u"SOFTWARE"), (std::vector<std::u16string>{u"A", u"b", u"C", u"M"}));
+  EXPECT_EQ(WineSubkeyNames(registry, u"software\\a"), (std::vector<std::u16string>{u"Deep", u"é"}));
+  EXPECT_EQ(WineSubkeyNames(registry, u"Software\\C"), std::vector<std::u16string>{u"xÉ"});
+  EXPECT_EQ(TextOf(ValueOf(registry, u"software\\A", u"v")), u"a2");  // the later header's value
+  EXPECT_EQ(TextOf(ValueOf(registry, u"SOFTWARE\\B", u"V")), u"b");
+  EXPECT_EQ(TextOf(ValueOf(registry, u"Software\\c\\XÉ", u"V")), u"c-e");
+  EXPECT_TRUE(WineKeyExists(registry, u"software\\A\\DEEP"));
+  EXPECT_TRUE(WineKeyExists(registry, u"software\\a\\É"));
+  EXPECT_FALSE(WineKeyExists(registry, u"Software\\B\\Deep"));
+  EXPECT_FALSE(WineKeyExists(registry, u"Software\\C\\x"));
+  // A line inside a value's continuation is no value of its own, whichever
+  // value is asked for.
+  WineRegistryValue value;
+  EXPECT_FALSE(FindWineValue(registry, u"Software\\M", u"V", value));
+  EXPECT_FALSE(FindWineValue(registry, u"Software\\M", u"Bin", value));
+  EXPECT_EQ(TextOf(ValueOf(registry, u"Software\\M", u"W")), u"m");
+  EXPECT_EQ(posix::WineKeyValues(registry, u"Software\\M").size(), 1u);
 }
 
 TEST(WineRegistryReader, SubkeysComeInWineServersOrder) {
@@ -362,6 +408,49 @@ TEST_F(PosixRegistry, ViewsSubkeyOpensAndLinks) {
   EXPECT_EQ(Open(kHkeyLocalMachine, u"Software\\Nothing", 0, key), static_cast<std::int32_t>(kErrorFileNotFound));
   EXPECT_EQ(Open(kHkeyLocalMachine, u"Software\\\\Microsoft", 0, key), static_cast<std::int32_t>(kErrorFileNotFound));
   EXPECT_EQ(Open(kHkeyCurrentUser, u"System", 0, key), static_cast<std::int32_t>(kErrorFileNotFound));
+}
+
+TEST_F(PosixRegistry, OpensBelowAnOpenKeyFollowItsLinkAndSeeARewrittenFile) {
+  const auto target = test::LinkValue(u"\\Registry\\Machine\\Software\\Target");
+  WriteSystemReg({{u"Software\\Target\\Sub", {test::SzValue(u"V", u"first")}}, {u"Software\\Link", {target}, true}});
+  constexpr std::uint32_t kOpenLink = 0x8;
+  RegKey link = 0;
+  ASSERT_EQ(RegOpenKeyExW(kHkeyLocalMachine, u"Software\\Link", kOpenLink, kKeyRead, link), 0);
+  EXPECT_TRUE(Subkeys(link).empty());  // the link key itself
+  EXPECT_EQ(StringValue(link, u"Sub", u"V", 0), u"first");
+  EXPECT_EQ(SubkeysOf(link, u"", 0), std::vector<std::u16string>{u"Sub"});
+
+  // The file rewritten: what lies below the open key is looked up anew.
+  WriteSystemReg({{u"Software\\Target\\Other", {test::SzValue(u"V", u"second")}}, {u"Software\\Link", {target}, true}});
+  EXPECT_EQ(StringValue(link, u"Sub", u"V", 0), u"<no key>");
+  EXPECT_EQ(StringValue(link, u"other", u"V", 0), u"second");
+  WriteSystemReg({{u"Software\\Target\\Other", {test::SzValue(u"V", u"second")}}});
+  RegKey key = 0;
+  EXPECT_EQ(Open(link, u"Other", 0, key), static_cast<std::int32_t>(kErrorFileNotFound));
+  EXPECT_EQ(RegCloseKey(link), 0);
+}
+
+TEST_F(PosixRegistry, PathValuesAreReadFromTheBytesTheQueryReports) {
+  // Data without a terminator, of an odd length, a NUL inside, and a value
+  // read after a longer one: nothing of another value or of the buffer shows.
+  WriteSystemReg({{u"Software\\V",
+                   {test::TypedValue(u"Long", kRegSz, test::Utf16LeBytes(std::u16string(300, u'L'))),
+                    test::TypedValue(u"Unterminated", kRegSz, {'A', 0, 'B', 0}),
+                    test::TypedValue(u"Odd", kRegSz, {'A', 0, 'B'}),
+                    test::TypedValue(u"Inner", kRegSz, {'A', 0, 0, 0, 'B', 0}),
+                    test::TypedValue(u"Expand", kRegExpandSz, {'%', 0, 'Q', 0, 'V', 0, '%', 0}),
+                    test::DwordValue(u"Number", 7)}}});
+  ScopedEnv variable("QV", "expanded");
+  RegKey key = 0;
+  ASSERT_EQ(Open(kHkeyLocalMachine, u"Software\\V", 0, key), 0);
+  EXPECT_EQ(ReadRegistryPathValue(key, u"Long"), std::u16string(300, u'L'));
+  EXPECT_EQ(ReadRegistryPathValue(key, u"Unterminated"), u"AB");
+  EXPECT_EQ(ReadRegistryPathValue(key, u"Odd"), u"AB");
+  EXPECT_EQ(ReadRegistryPathValue(key, u"Inner"), u"A");
+  EXPECT_EQ(ReadRegistryPathValue(key, u"Expand"), u"expanded");
+  EXPECT_EQ(ReadRegistryPathValue(key, u"Number"), u"");
+  EXPECT_EQ(ReadRegistryPathValue(key, u"Missing"), u"");
+  EXPECT_EQ(RegCloseKey(key), 0);
 }
 
 TEST_F(PosixRegistry, EnumerationEndsAndReportsLongNames) {
