@@ -3,7 +3,8 @@
 //
 // Each file is parsed once per process and kept; a later call reads it again
 // when its size, modification time or inode changed, since Wine's server
-// rewrites the files whole while programs run. A missing or unreadable file
+// rewrites the files whole while programs run. The file is looked at no more
+// than once a millisecond. A missing or unreadable file
 // is an empty registry: every key below the root is absent.
 //
 // An open key is a number in a table of this file: the hive and the key's
@@ -18,6 +19,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -53,7 +55,14 @@ struct CachedHive {
   struct timespec modified = {};
   struct timespec changed = {};
   std::shared_ptr<const WineRegistry> registry;
+  std::chrono::steady_clock::time_point checked;  // when the file was last looked at
 };
+
+// How long a look at a file stands for. Wine's server rewrites the files
+// only every 30 s, so they are always that far behind the live registry;
+// a millisecond more changes nothing for a reader, and spares a stat for
+// each of the thousands of calls that a scan of the Uninstall keys makes.
+constexpr std::chrono::microseconds kFileLookValidFor{1000};
 
 struct OpenKey {
   Hive hive = Hive::Machine;
@@ -132,15 +141,21 @@ bool SameFile(const CachedHive& cached, const std::string& path, const struct st
          cached.changed.tv_nsec == status.st_ctim.tv_nsec;
 }
 
-// The parsed file of a hive; the caller holds registryMutex. Every call
-// looks at the file, so a rewrite is seen at the next call; an unchanged file
-// costs one stat.
+// The parsed file of a hive; the caller holds registryMutex. A call looks
+// at the file unless a call less than kFileLookValidFor ago did, so a
+// rewrite is seen by the calls that follow it by more than that; an
+// unchanged file costs one stat.
 std::shared_ptr<const WineRegistry> LoadHive(Hive hive) {
   std::string path = posix::PrefixDirectory() + (hive == Hive::Machine ? "/system.reg" : "/user.reg");
   CachedHive& cached = cachedHives[hive == Hive::Machine ? 0 : 1];
+  const auto now = std::chrono::steady_clock::now();
+  if (cached.registry && cached.path == path && now - cached.checked < kFileLookValidFor) return cached.registry;
   struct stat status {};
   if (::stat(path.c_str(), &status) != 0) return EmptyRegistry();
-  if (S_ISREG(status.st_mode) && SameFile(cached, path, status)) return cached.registry;
+  if (S_ISREG(status.st_mode) && SameFile(cached, path, status)) {
+    cached.checked = now;
+    return cached.registry;
+  }
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return EmptyRegistry();
   if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode) || status.st_size > kMaxRegistryFileSize) {
@@ -161,6 +176,7 @@ std::shared_ptr<const WineRegistry> LoadHive(Hive hive) {
   cached.size = status.st_size;
   cached.modified = status.st_mtim;
   cached.changed = status.st_ctim;
+  cached.checked = now;
   const std::string_view text(bytes->data(), bytes->size);
   cached.registry = std::make_shared<const WineRegistry>(posix::ParseWineRegistry(std::move(bytes), text));
   return cached.registry;

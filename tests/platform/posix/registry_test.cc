@@ -9,9 +9,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <random>
+#include <thread>
 
 #include "discovery/discovery.h"
 #include "platform/platform.h"
@@ -314,8 +316,17 @@ class ScopedEnv {
 
 class PosixRegistry : public ::testing::Test {
  protected:
-  void WriteSystemReg(const std::vector<RegFileKey>& keys) { test::WriteFile(dir_ / "system.reg", test::SystemRegFile(keys)); }
-  void WriteUserReg(const std::vector<RegFileKey>& keys) { test::WriteFile(dir_ / "user.reg", test::UserRegFile(keys)); }
+  void WriteSystemReg(const std::vector<RegFileKey>& keys) {
+    test::WriteFile(dir_ / "system.reg", test::SystemRegFile(keys));
+    LetReaderLookAgain();
+  }
+  void WriteUserReg(const std::vector<RegFileKey>& keys) {
+    test::WriteFile(dir_ / "user.reg", test::UserRegFile(keys));
+    LetReaderLookAgain();
+  }
+  // The reader looks at a file at most once a millisecond; a change is
+  // certain to be seen by the calls made after that.
+  static void LetReaderLookAgain() { std::this_thread::sleep_for(std::chrono::milliseconds(2)); }
 
   std::vector<std::u16string> Subkeys(RegKey key) {
     std::vector<std::u16string> names;
@@ -489,6 +500,7 @@ TEST_F(PosixRegistry, QueryReportsSizesAsWindowsDoes) {
   // An odd byte count with no terminator, as a program may store it.
   test::WriteFile(dir_ / "system.reg",
                   test::ReadFile(dir_ / "system.reg") + "\"Odd\"=hex(2):41,00,42\n");
+  LetReaderLookAgain();
   RegKey key = 0;
   ASSERT_EQ(Open(kHkeyLocalMachine, u"Software\\Values", 0, key), 0);
 
@@ -549,10 +561,12 @@ TEST_F(PosixRegistry, ChangedAndMissingFilesAreReadAgain) {
   const struct timespec times[2] = {before.st_atim, before.st_mtim};
   ASSERT_EQ(::utimensat(AT_FDCWD, (dir_ / "next.reg").c_str(), times, 0), 0);
   ASSERT_EQ(::rename((dir_ / "next.reg").c_str(), (dir_ / "system.reg").c_str()), 0);
+  LetReaderLookAgain();
   EXPECT_EQ(StringValue(key, u"", u"V", 0), u"two");
 
   // The key stays open while the file is gone, and has nothing.
   ASSERT_EQ(::unlink((dir_ / "system.reg").c_str()), 0);
+  LetReaderLookAgain();
   std::uint32_t type = 0;
   std::uint32_t size = 0;
   EXPECT_EQ(RegQueryValueExW(key, u"V", type, nullptr, size), static_cast<std::int32_t>(kErrorFileNotFound));
@@ -571,10 +585,12 @@ TEST_F(PosixRegistry, AccountSidComesFromUserReg) {
   EXPECT_EQ(sid, u"S-1-5-21-0-0-0-1000");
 
   test::WriteFile(dir_ / "user.reg", test::WineRegText({}, u"\\User\\S-1-5-21-1-2-3-1001"));
+  LetReaderLookAgain();
   ASSERT_TRUE(posix::AccountSidFromUserReg(sid));
   EXPECT_EQ(sid, u"S-1-5-21-1-2-3-1001");
 
   test::WriteFile(dir_ / "user.reg", test::WineRegText({}, u"REGISTRY\\Machine"));
+  LetReaderLookAgain();
   EXPECT_FALSE(posix::AccountSidFromUserReg(sid));
 }
 
