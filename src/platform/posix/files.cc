@@ -38,6 +38,15 @@ struct Search {
   std::size_t next = 0;
 };
 
+bool Resolve(const WString& path, posix::HostEntry& entry) {
+  std::uint32_t error = 0;
+  if (!posix::ResolveHostEntry(path, entry, error)) {
+    SetLastError(error);
+    return false;
+  }
+  return true;
+}
+
 bool Resolve(const WString& path, std::string& host, std::size_t& depth) {
   std::uint32_t error = 0;
   if (!posix::ResolveHostPath(path, host, depth, error)) {
@@ -45,11 +54,6 @@ bool Resolve(const WString& path, std::string& host, std::size_t& depth) {
     return false;
   }
   return true;
-}
-
-bool Resolve(const WString& path, std::string& host) {
-  std::size_t depth = 0;
-  return Resolve(path, host, depth);
 }
 
 std::string HostParent(const std::string& host) {
@@ -71,18 +75,56 @@ std::uint32_t CodeFor(int err, const std::string& host) {
   return ErrnoToWinError(err);
 }
 
+// The code for an entry the resolution found absent.
+std::uint32_t MissingCode(const posix::HostEntry& entry) {
+  return entry.missingCode != 0 ? entry.missingCode : MissingCode(entry.path);
+}
+
+// The lstat of a resolved entry: from the resolution when it made one, else
+// asked now. False with errno set when there is none.
+bool EntryLstat(const posix::HostEntry& entry, struct stat& st) {
+  switch (entry.state) {
+    case posix::HostEntry::State::Present:
+      st = entry.status;
+      return true;
+    case posix::HostEntry::State::Absent:
+      errno = ENOENT;
+      return false;
+    case posix::HostEntry::State::Unknown:
+      break;
+  }
+  return ::lstat(entry.path.c_str(), &st) == 0;
+}
+
+// The same, following a link: the lstat stands for the stat of anything
+// that is no link.
+bool EntryStat(const posix::HostEntry& entry, struct stat& st) {
+  if (entry.state == posix::HostEntry::State::Present && !S_ISLNK(entry.status.st_mode)) {
+    st = entry.status;
+    return true;
+  }
+  if (entry.state == posix::HostEntry::State::Absent) {
+    errno = ENOENT;
+    return false;
+  }
+  return ::stat(entry.path.c_str(), &st) == 0;
+}
+
+// The Windows code for a failed EntryLstat or EntryStat.
+std::uint32_t EntryCode(int err, const posix::HostEntry& entry) {
+  if (err == ENOENT) return entry.state == posix::HostEntry::State::Absent ? MissingCode(entry) : MissingCode(entry.path);
+  return ErrnoToWinError(err);
+}
+
 bool Fail(std::uint32_t code) {
   SetLastError(code);
   return false;
 }
 
-std::uint32_t AttributesOf(const std::string& host, std::size_t depth, const std::string& name, bool& ok) {
+// The attributes of an entry from its lstat.
+std::uint32_t AttributesFrom(struct stat st, const std::string& host, std::size_t depth, const std::string& name,
+                             bool& ok) {
   ok = false;
-  struct stat st;
-  if (::lstat(host.c_str(), &st) != 0) {
-    SetLastError(CodeFor(errno, host));
-    return kInvalidFileAttributes;
-  }
   std::uint32_t attributes = 0;
   if (S_ISLNK(st.st_mode)) {
     struct stat target;
@@ -105,6 +147,16 @@ std::uint32_t AttributesOf(const std::string& host, std::size_t depth, const std
   if (!name.empty() && name[0] == '.' && name != "." && name != "..") attributes |= kFileAttributeHidden;
   ok = true;
   return attributes;
+}
+
+std::uint32_t AttributesOf(const std::string& host, std::size_t depth, const std::string& name, bool& ok) {
+  ok = false;
+  struct stat st;
+  if (::lstat(host.c_str(), &st) != 0) {
+    SetLastError(CodeFor(errno, host));
+    return kInvalidFileAttributes;
+  }
+  return AttributesFrom(st, host, depth, name, ok);
 }
 
 std::string LastName(const std::string& host) {
@@ -280,31 +332,36 @@ bool MatchesPattern(const WString& pattern, const WString& name, std::size_t p =
 
 std::uint32_t GetFileAttributesW(const WString& path) {
   QV_FAULT_POINT("GetFileAttributesW", return kInvalidFileAttributes, path);
-  std::string host;
-  std::size_t depth = 0;
-  if (!Resolve(path, host, depth)) return kInvalidFileAttributes;
+  posix::HostEntry entry;
+  if (!Resolve(path, entry)) return kInvalidFileAttributes;
+  struct stat st;
+  if (!EntryLstat(entry, st)) {
+    SetLastError(EntryCode(errno, entry));
+    return kInvalidFileAttributes;
+  }
   bool ok = false;
-  std::uint32_t attributes = AttributesOf(host, depth, LastName(host), ok);
+  std::uint32_t attributes = AttributesFrom(st, entry.path, entry.depth, LastName(entry.path), ok);
   return ok ? attributes : kInvalidFileAttributes;
 }
 
 bool GetFileAttributesExW(const WString& path, NodeType& type) {
   QV_FAULT_POINT("GetFileAttributesExW", return false, path);
-  std::string host;
-  if (!Resolve(path, host)) return false;
+  posix::HostEntry entry;
+  if (!Resolve(path, entry)) return false;
   struct stat st;
-  if (::stat(host.c_str(), &st) != 0) return Fail(CodeFor(errno, host));
+  if (!EntryStat(entry, st)) return Fail(EntryCode(errno, entry));
   type = S_ISDIR(st.st_mode) ? NodeType::Directory : S_ISREG(st.st_mode) ? NodeType::RegularFile : NodeType::Other;
   return true;
 }
 
 bool CreateDirectoryW(const WString& path) {
   QV_FAULT_POINT("CreateDirectoryW", return false, path);
-  std::string host;
-  std::size_t depth = 0;
-  if (!Resolve(path, host, depth)) return false;
-  if (depth == 0) return Fail(kErrorAccessDenied);
-  if (::mkdir(host.c_str(), 0777) != 0) {
+  posix::HostEntry entry;
+  if (!Resolve(path, entry)) return false;
+  if (entry.depth == 0) return Fail(kErrorAccessDenied);
+  // Whatever is there already, even a dangling link, makes mkdir fail so.
+  if (entry.state == posix::HostEntry::State::Present) return Fail(kErrorAlreadyExists);
+  if (::mkdir(entry.path.c_str(), 0777) != 0) {
     if (errno == ENOENT) return Fail(kErrorPathNotFound);
     return Fail(ErrnoToWinError(errno));
   }
@@ -313,13 +370,15 @@ bool CreateDirectoryW(const WString& path) {
 
 bool MoveFileExW(const WString& from, const WString& to, std::uint32_t flags) {
   QV_FAULT_POINT("MoveFileExW", return false, from, to);
-  std::string source;
-  std::string target;
-  if (!Resolve(from, source) || !Resolve(to, target)) return false;
+  posix::HostEntry sourceEntry;
+  posix::HostEntry targetEntry;
+  if (!Resolve(from, sourceEntry) || !Resolve(to, targetEntry)) return false;
+  const std::string& source = sourceEntry.path;
+  const std::string& target = targetEntry.path;
   struct stat sourceStat;
-  if (::lstat(source.c_str(), &sourceStat) != 0) return Fail(CodeFor(errno, source));
+  if (!EntryLstat(sourceEntry, sourceStat)) return Fail(EntryCode(errno, sourceEntry));
   struct stat targetStat;
-  if (::lstat(target.c_str(), &targetStat) == 0) {
+  if (EntryLstat(targetEntry, targetStat)) {
     // A folder at the target is never replaced, even when empty; a file is,
     // but only with MOVEFILE_REPLACE_EXISTING. Renaming an entry onto itself
     // (a change of case) is allowed.
@@ -362,14 +421,16 @@ bool MoveFileExW(const WString& from, const WString& to, std::uint32_t flags) {
 
 bool CopyFileW(const WString& from, const WString& to, bool failIfExists) {
   QV_FAULT_POINT("CopyFileW", return false, from, to);
-  std::string source;
-  std::string target;
-  if (!Resolve(from, source) || !Resolve(to, target)) return false;
+  posix::HostEntry sourceEntry;
+  posix::HostEntry targetEntry;
+  if (!Resolve(from, sourceEntry) || !Resolve(to, targetEntry)) return false;
+  const std::string& source = sourceEntry.path;
+  const std::string& target = targetEntry.path;
   struct stat st;
-  if (::stat(source.c_str(), &st) != 0) return Fail(CodeFor(errno, source));
+  if (!EntryStat(sourceEntry, st)) return Fail(EntryCode(errno, sourceEntry));
   if (S_ISDIR(st.st_mode)) return Fail(kErrorAccessDenied);
   struct stat existing;
-  if (::stat(target.c_str(), &existing) == 0) {
+  if (EntryStat(targetEntry, existing)) {
     if (S_ISDIR(existing.st_mode)) return Fail(kErrorAccessDenied);
     if (failIfExists) return Fail(kErrorFileExists);
     if (existing.st_dev == st.st_dev && existing.st_ino == st.st_ino) return Fail(kErrorSharingViolation);
@@ -381,20 +442,21 @@ bool CopyFileW(const WString& from, const WString& to, bool failIfExists) {
 
 bool DeleteFileW(const WString& path) {
   QV_FAULT_POINT("DeleteFileW", return false, path);
-  std::string host;
-  if (!Resolve(path, host)) return false;
+  posix::HostEntry entry;
+  if (!Resolve(path, entry)) return false;
   struct stat st;
-  if (::lstat(host.c_str(), &st) != 0) return Fail(CodeFor(errno, host));
+  if (!EntryLstat(entry, st)) return Fail(EntryCode(errno, entry));
   if (S_ISDIR(st.st_mode)) return Fail(kErrorAccessDenied);
-  if (::unlink(host.c_str()) != 0) return Fail(CodeFor(errno, host));
+  if (::unlink(entry.path.c_str()) != 0) return Fail(CodeFor(errno, entry.path));
   return true;
 }
 
 Handle CreateFileW(const WString& path, std::uint32_t desiredAccess, std::uint32_t /*shareMode*/,
                    std::uint32_t creationDisposition, std::uint32_t /*flagsAndAttributes*/) {
   QV_FAULT_POINT("CreateFileW", return kInvalidHandle, path);
-  std::string host;
-  if (!Resolve(path, host)) return kInvalidHandle;
+  posix::HostEntry entry;
+  if (!Resolve(path, entry)) return kInvalidHandle;
+  const std::string& host = entry.path;
   int flags = O_CLOEXEC;
   bool read = (desiredAccess & 0x80000000u) != 0;
   bool write = (desiredAccess & kGenericWrite) != 0;
@@ -408,7 +470,7 @@ Handle CreateFileW(const WString& path, std::uint32_t desiredAccess, std::uint32
     default: SetLastError(kErrorInvalidParameter); return kInvalidHandle;
   }
   struct stat st;
-  if (::stat(host.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+  if (EntryStat(entry, st) && S_ISDIR(st.st_mode)) {
     SetLastError(kErrorAccessDenied);
     return kInvalidHandle;
   }

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/constants.h"
@@ -104,7 +105,6 @@ std::string DriveTarget(WChar letter) {
   return it->second;
 }
 
-// Finds an entry of `folder` named like `name` without regard to case.
 bool IsAscii(const std::string& text) {
   for (char c : text) {
     if (static_cast<unsigned char>(c) >= 0x80) return false;
@@ -124,7 +124,8 @@ bool EqualIgnoringAsciiCase(const char* a, const std::string& b) {
   return a[k] == '\0' && k == b.size();
 }
 
-bool FindEntryIgnoringCase(const std::string& folder, const std::string& name, std::string& found) {
+// Reads the folder for an entry named like `name` without regard to case.
+bool ScanFolderIgnoringCase(const std::string& folder, const std::string& name, std::string& found) {
   DIR* dir = ::opendir(folder.c_str());
   if (dir == nullptr) return false;
   const bool ascii = IsAscii(name);
@@ -150,6 +151,12 @@ bool FindEntryIgnoringCase(const std::string& folder, const std::string& name, s
   }
   ::closedir(dir);
   return match;
+}
+
+// Finds an entry of `folder` named like `name` without regard to case.
+bool FindEntryIgnoringCase(const std::string& folder, const struct stat* /*folderStatus*/, const std::string& name,
+                           std::string& found) {
+  return ScanFolderIgnoringCase(folder, name, found);
 }
 
 bool IsValidComponent(const WString& component) {
@@ -267,7 +274,9 @@ bool FullPathName(const WString& name, WString& full, std::uint32_t& error) {
   return true;
 }
 
-bool ResolveHostPath(const WString& windowsPath, std::string& hostPath, std::size_t& depth, std::uint32_t& error) {
+bool ResolveHostEntry(const WString& windowsPath, HostEntry& entry, std::uint32_t& error) {
+  entry.state = HostEntry::State::Unknown;
+  entry.missingCode = 0;
   WString full;
   if (!FullPathName(windowsPath, full, error)) return false;
   if (full.size() < 3 || full[1] != u':' || !IsDriveLetter(full[0])) {
@@ -293,7 +302,7 @@ bool ResolveHostPath(const WString& windowsPath, std::string& hostPath, std::siz
     }
     names.push_back(WideToUtf8(component));
   }
-  depth = names.size();
+  entry.depth = names.size();
   const std::string root = current == "/" ? "" : current;
   auto join = [&root, &names](std::size_t count) {
     std::string path = root;
@@ -301,38 +310,86 @@ bool ResolveHostPath(const WString& windowsPath, std::string& hostPath, std::siz
     return path.empty() ? std::string("/") : path;
   };
 
+  if (names.empty()) {
+    entry.path = current;
+    return true;
+  }
   // Most paths exist as written, or all but their last element do: one
   // lstat each settles those without reading any folder.
-  struct stat st;
-  if (names.empty()) {
-    hostPath = current;
-    return true;
-  }
   std::string asWritten = join(names.size());
+  struct stat st;
   if (::lstat(asWritten.c_str(), &st) == 0) {
-    hostPath = asWritten;
+    entry.path = std::move(asWritten);
+    entry.state = HostEntry::State::Present;
+    entry.status = st;
     return true;
   }
+  const int lastError = errno;
+
+  // The status of the folder that holds the element being looked up, when an
+  // lstat of it has been made.
+  struct stat folder;
+  bool haveFolder = false;
   std::size_t known = 0;  // elements known to exist as written
-  if (names.size() == 1 || ::lstat(join(names.size() - 1).c_str(), &st) == 0) known = names.size() - 1;
+  if (names.size() == 1) {
+    known = 0;
+  } else if (::lstat(join(names.size() - 1).c_str(), &folder) == 0) {
+    known = names.size() - 1;
+    haveFolder = true;
+  }
 
   current = join(known);
   bool lookUp = true;
   for (std::size_t k = known; k < names.size(); ++k) {
+    const bool last = k + 1 == names.size();
     std::string base = current == "/" ? "" : current;
     std::string candidate = base + "/" + names[k];
-    if (lookUp && ::lstat(candidate.c_str(), &st) != 0) {
-      std::string found;
-      if (FindEntryIgnoringCase(current, names[k], found)) {
-        candidate = base + "/" + found;
+    if (lookUp) {
+      // The last element as written has been asked already.
+      const bool asked = last && k == known && known + 1 == names.size();
+      int err = lastError;
+      bool exists = false;
+      if (!asked) {
+        exists = ::lstat(candidate.c_str(), &st) == 0;
+        err = errno;
+      }
+      if (exists) {
+        if (last) {
+          entry.state = HostEntry::State::Present;
+          entry.status = st;
+        }
+        folder = st;
+        haveFolder = true;
       } else {
-        // Nothing by that name: later elements cannot exist either.
-        lookUp = false;
+        std::string found;
+        if (FindEntryIgnoringCase(current, haveFolder ? &folder : nullptr, names[k], found)) {
+          candidate = base + "/" + found;
+          haveFolder = false;
+        } else {
+          // Nothing by that name: later elements cannot exist either.
+          lookUp = false;
+          if (err == ENOENT) {
+            entry.state = HostEntry::State::Absent;
+            if (!last) {
+              entry.missingCode = kErrorPathNotFound;
+            } else if (haveFolder && S_ISDIR(folder.st_mode)) {
+              entry.missingCode = kErrorFileNotFound;
+            }
+          }
+        }
       }
     }
-    current = candidate;
+    current = std::move(candidate);
   }
-  hostPath = current;
+  entry.path = std::move(current);
+  return true;
+}
+
+bool ResolveHostPath(const WString& windowsPath, std::string& hostPath, std::size_t& depth, std::uint32_t& error) {
+  HostEntry entry;
+  if (!ResolveHostEntry(windowsPath, entry, error)) return false;
+  hostPath = std::move(entry.path);
+  depth = entry.depth;
   return true;
 }
 
