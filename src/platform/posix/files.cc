@@ -172,16 +172,32 @@ bool SyncFolder(const std::string& folder) {
   return ok;
 }
 
-// Copies one regular file's bytes, by reflink where the file system has one,
-// else by copy_file_range in the kernel, else by read and write.
-bool CopyBytes(int in, int out, std::uint32_t& error) {
-  if (::ioctl(out, FICLONE, in) == 0) return true;
-  struct stat st;
-  if (::fstat(in, &st) != 0) {
-    error = ErrnoToWinError(errno);
-    return false;
+// File systems that have refused a reflink: a copy onto them goes straight
+// to copy_file_range.
+std::vector<dev_t>& NoReflinkDevices() {
+  static std::vector<dev_t>* devices = new std::vector<dev_t>;
+  return *devices;
+}
+
+// A reflink needs both files on one file system, so a refusal for want of
+// support (a copy across file systems is refused otherwise, with EXDEV) is
+// remembered by the source's device.
+bool TryReflink(int in, int out, dev_t sourceDevice) {
+  std::vector<dev_t>& refused = NoReflinkDevices();
+  for (dev_t device : refused) {
+    if (device == sourceDevice) return false;
   }
-  off_t remaining = st.st_size;
+  if (::ioctl(out, FICLONE, in) == 0) return true;
+  if (errno == EOPNOTSUPP && refused.size() < 64) refused.push_back(sourceDevice);
+  return false;
+}
+
+// Copies one regular file's bytes, by reflink where the file system has one,
+// else by copy_file_range in the kernel, else by read and write. `size` and
+// `sourceDevice` are the source's.
+bool CopyBytes(int in, int out, off_t size, dev_t sourceDevice, std::uint32_t& error) {
+  if (TryReflink(in, out, sourceDevice)) return true;
+  off_t remaining = size;
   bool fallback = false;
   while (remaining > 0) {
     ssize_t n = ::copy_file_range(in, nullptr, out, nullptr, static_cast<std::size_t>(remaining), 0);
@@ -230,14 +246,18 @@ bool CopyRegularFile(const std::string& from, const std::string& to, std::uint32
     return false;
   }
   struct stat st;
-  ::fstat(in, &st);
+  if (::fstat(in, &st) != 0) {
+    error = ErrnoToWinError(errno);
+    ::close(in);
+    return false;
+  }
   int out = ::open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, st.st_mode & 07777);
   if (out < 0) {
     error = CodeFor(errno, to);
     ::close(in);
     return false;
   }
-  bool ok = CopyBytes(in, out, error);
+  bool ok = CopyBytes(in, out, st.st_size, st.st_dev, error);
   if (ok) {
     // CopyFileW keeps the last write time.
     struct timespec times[2] = {st.st_atim, st.st_mtim};
