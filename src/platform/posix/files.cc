@@ -193,14 +193,18 @@ bool TryReflink(int in, int out, dev_t sourceDevice) {
 }
 
 // Copies one regular file's bytes, by reflink where the file system has one,
-// else by copy_file_range in the kernel, else by read and write. `size` and
-// `sourceDevice` are the source's.
-bool CopyBytes(int in, int out, off_t size, dev_t sourceDevice, std::uint32_t& error) {
-  if (TryReflink(in, out, sourceDevice)) return true;
-  off_t remaining = size;
+// else by copy_file_range in the kernel, else by read and write, to the start
+// of `out`. `size` and `sourceDevice` are the source's. `copied` tells how
+// many bytes of the source lie at the start of `out`, also after a failure.
+bool CopyBytes(int in, int out, off_t size, dev_t sourceDevice, off_t& copied, std::uint32_t& error) {
+  copied = 0;
+  if (TryReflink(in, out, sourceDevice)) {
+    copied = size;
+    return true;
+  }
   bool fallback = false;
-  while (remaining > 0) {
-    ssize_t n = ::copy_file_range(in, nullptr, out, nullptr, static_cast<std::size_t>(remaining), 0);
+  while (copied < size) {
+    ssize_t n = ::copy_file_range(in, nullptr, out, nullptr, static_cast<std::size_t>(size - copied), 0);
     if (n < 0) {
       if (errno == EINTR) continue;
       if (errno == EXDEV || errno == ENOSYS || errno == EOPNOTSUPP || errno == EINVAL) {
@@ -211,9 +215,10 @@ bool CopyBytes(int in, int out, off_t size, dev_t sourceDevice, std::uint32_t& e
       return false;
     }
     if (n == 0) break;
-    remaining -= n;
+    copied += n;
   }
   if (!fallback) return true;
+  copied = 0;
   if (::lseek(in, 0, SEEK_SET) < 0 || ::ftruncate(out, 0) != 0 || ::lseek(out, 0, SEEK_SET) < 0) {
     error = ErrnoToWinError(errno);
     return false;
@@ -235,11 +240,19 @@ bool CopyBytes(int in, int out, off_t size, dev_t sourceDevice, std::uint32_t& e
         return false;
       }
       done += w;
+      copied += w;
     }
   }
 }
 
-bool CopyRegularFile(const std::string& from, const std::string& to, std::uint32_t& error) {
+// Copies a regular file over `to`. A new file is created. An existing one is
+// written over in place and then cut to the copy's length: truncating it to
+// nothing first would have ext4 start writing it back to the disk the moment
+// it is closed (its guard for files that are rewritten without a sync), a
+// wait for every replaced file that a copy does not need. Either way the
+// file ends as the truncating open would leave it, also after a failure: the
+// bytes copied so far and nothing else.
+bool CopyRegularFile(const std::string& from, const std::string& to, bool replacing, std::uint32_t& error) {
   int in = ::open(from.c_str(), O_RDONLY | O_CLOEXEC);
   if (in < 0) {
     error = CodeFor(errno, from);
@@ -251,13 +264,30 @@ bool CopyRegularFile(const std::string& from, const std::string& to, std::uint32
     ::close(in);
     return false;
   }
-  int out = ::open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, st.st_mode & 07777);
+  int out = ::open(to.c_str(), O_WRONLY | O_CREAT | (replacing ? 0 : O_TRUNC) | O_CLOEXEC, st.st_mode & 07777);
   if (out < 0) {
     error = CodeFor(errno, to);
     ::close(in);
     return false;
   }
-  bool ok = CopyBytes(in, out, st.st_size, st.st_dev, error);
+  // The length the file had when opened: more than the copy brings is cut.
+  off_t previous = 0;
+  if (replacing) {
+    struct stat opened;
+    if (::fstat(out, &opened) != 0) {
+      error = ErrnoToWinError(errno);
+      ::close(out);
+      ::close(in);
+      return false;
+    }
+    previous = S_ISREG(opened.st_mode) ? opened.st_size : 0;
+  }
+  off_t copied = 0;
+  bool ok = CopyBytes(in, out, st.st_size, st.st_dev, copied, error);
+  if (previous > copied && ::ftruncate(out, copied) != 0 && ok) {
+    error = ErrnoToWinError(errno);
+    ok = false;
+  }
   if (ok) {
     // CopyFileW keeps the last write time.
     struct timespec times[2] = {st.st_atim, st.st_mtim};
@@ -307,7 +337,7 @@ bool CopyTree(const std::string& from, const std::string& to, std::uint32_t& err
     }
     return true;
   }
-  if (!S_ISDIR(st.st_mode)) return CopyRegularFile(from, to, error);
+  if (!S_ISDIR(st.st_mode)) return CopyRegularFile(from, to, false, error);
   if (::mkdir(to.c_str(), st.st_mode & 07777) != 0) {
     error = ErrnoToWinError(errno);
     return false;
@@ -450,13 +480,15 @@ bool CopyFileW(const WString& from, const WString& to, bool failIfExists) {
   if (!EntryStat(sourceEntry, st)) return Fail(EntryCode(errno, sourceEntry));
   if (S_ISDIR(st.st_mode)) return Fail(kErrorAccessDenied);
   struct stat existing;
+  bool replacing = false;
   if (EntryStat(targetEntry, existing)) {
     if (S_ISDIR(existing.st_mode)) return Fail(kErrorAccessDenied);
     if (failIfExists) return Fail(kErrorFileExists);
     if (existing.st_dev == st.st_dev && existing.st_ino == st.st_ino) return Fail(kErrorSharingViolation);
+    replacing = S_ISREG(existing.st_mode);
   }
   std::uint32_t error = 0;
-  if (!CopyRegularFile(source, target, error)) return Fail(error);
+  if (!CopyRegularFile(source, target, replacing, error)) return Fail(error);
   return true;
 }
 
