@@ -38,6 +38,15 @@ struct Search {
   std::size_t next = 0;
 };
 
+bool Resolve(const WString& path, posix::HostEntry& entry) {
+  std::uint32_t error = 0;
+  if (!posix::ResolveHostEntry(path, entry, error)) {
+    SetLastError(error);
+    return false;
+  }
+  return true;
+}
+
 bool Resolve(const WString& path, std::string& host, std::size_t& depth) {
   std::uint32_t error = 0;
   if (!posix::ResolveHostPath(path, host, depth, error)) {
@@ -45,11 +54,6 @@ bool Resolve(const WString& path, std::string& host, std::size_t& depth) {
     return false;
   }
   return true;
-}
-
-bool Resolve(const WString& path, std::string& host) {
-  std::size_t depth = 0;
-  return Resolve(path, host, depth);
 }
 
 std::string HostParent(const std::string& host) {
@@ -71,18 +75,56 @@ std::uint32_t CodeFor(int err, const std::string& host) {
   return ErrnoToWinError(err);
 }
 
+// The code for an entry the resolution found absent.
+std::uint32_t MissingCode(const posix::HostEntry& entry) {
+  return entry.missingCode != 0 ? entry.missingCode : MissingCode(entry.path);
+}
+
+// The lstat of a resolved entry: from the resolution when it made one, else
+// asked now. False with errno set when there is none.
+bool EntryLstat(const posix::HostEntry& entry, struct stat& st) {
+  switch (entry.state) {
+    case posix::HostEntry::State::Present:
+      st = entry.status;
+      return true;
+    case posix::HostEntry::State::Absent:
+      errno = ENOENT;
+      return false;
+    case posix::HostEntry::State::Unknown:
+      break;
+  }
+  return ::lstat(entry.path.c_str(), &st) == 0;
+}
+
+// The same, following a link: the lstat stands for the stat of anything
+// that is no link.
+bool EntryStat(const posix::HostEntry& entry, struct stat& st) {
+  if (entry.state == posix::HostEntry::State::Present && !S_ISLNK(entry.status.st_mode)) {
+    st = entry.status;
+    return true;
+  }
+  if (entry.state == posix::HostEntry::State::Absent) {
+    errno = ENOENT;
+    return false;
+  }
+  return ::stat(entry.path.c_str(), &st) == 0;
+}
+
+// The Windows code for a failed EntryLstat or EntryStat.
+std::uint32_t EntryCode(int err, const posix::HostEntry& entry) {
+  if (err == ENOENT) return entry.state == posix::HostEntry::State::Absent ? MissingCode(entry) : MissingCode(entry.path);
+  return ErrnoToWinError(err);
+}
+
 bool Fail(std::uint32_t code) {
   SetLastError(code);
   return false;
 }
 
-std::uint32_t AttributesOf(const std::string& host, std::size_t depth, const std::string& name, bool& ok) {
+// The attributes of an entry from its lstat.
+std::uint32_t AttributesFrom(struct stat st, const std::string& host, std::size_t depth, const std::string& name,
+                             bool& ok) {
   ok = false;
-  struct stat st;
-  if (::lstat(host.c_str(), &st) != 0) {
-    SetLastError(CodeFor(errno, host));
-    return kInvalidFileAttributes;
-  }
   std::uint32_t attributes = 0;
   if (S_ISLNK(st.st_mode)) {
     struct stat target;
@@ -107,6 +149,16 @@ std::uint32_t AttributesOf(const std::string& host, std::size_t depth, const std
   return attributes;
 }
 
+std::uint32_t AttributesOf(const std::string& host, std::size_t depth, const std::string& name, bool& ok) {
+  ok = false;
+  struct stat st;
+  if (::lstat(host.c_str(), &st) != 0) {
+    SetLastError(CodeFor(errno, host));
+    return kInvalidFileAttributes;
+  }
+  return AttributesFrom(st, host, depth, name, ok);
+}
+
 std::string LastName(const std::string& host) {
   std::size_t slash = host.find_last_of('/');
   return slash == std::string::npos ? host : host.substr(slash + 1);
@@ -120,19 +172,39 @@ bool SyncFolder(const std::string& folder) {
   return ok;
 }
 
-// Copies one regular file's bytes, by reflink where the file system has one,
-// else by copy_file_range in the kernel, else by read and write.
-bool CopyBytes(int in, int out, std::uint32_t& error) {
-  if (::ioctl(out, FICLONE, in) == 0) return true;
-  struct stat st;
-  if (::fstat(in, &st) != 0) {
-    error = ErrnoToWinError(errno);
-    return false;
+// File systems that have refused a reflink: a copy onto them goes straight
+// to copy_file_range.
+std::vector<dev_t>& NoReflinkDevices() {
+  static std::vector<dev_t>* devices = new std::vector<dev_t>;
+  return *devices;
+}
+
+// A reflink needs both files on one file system, so a refusal for want of
+// support (a copy across file systems is refused otherwise, with EXDEV) is
+// remembered by the source's device.
+bool TryReflink(int in, int out, dev_t sourceDevice) {
+  std::vector<dev_t>& refused = NoReflinkDevices();
+  for (dev_t device : refused) {
+    if (device == sourceDevice) return false;
   }
-  off_t remaining = st.st_size;
+  if (::ioctl(out, FICLONE, in) == 0) return true;
+  if (errno == EOPNOTSUPP && refused.size() < 64) refused.push_back(sourceDevice);
+  return false;
+}
+
+// Copies one regular file's bytes, by reflink where the file system has one,
+// else by copy_file_range in the kernel, else by read and write, to the start
+// of `out`. `size` and `sourceDevice` are the source's. `copied` tells how
+// many bytes of the source lie at the start of `out`, also after a failure.
+bool CopyBytes(int in, int out, off_t size, dev_t sourceDevice, off_t& copied, std::uint32_t& error) {
+  copied = 0;
+  if (TryReflink(in, out, sourceDevice)) {
+    copied = size;
+    return true;
+  }
   bool fallback = false;
-  while (remaining > 0) {
-    ssize_t n = ::copy_file_range(in, nullptr, out, nullptr, static_cast<std::size_t>(remaining), 0);
+  while (copied < size) {
+    ssize_t n = ::copy_file_range(in, nullptr, out, nullptr, static_cast<std::size_t>(size - copied), 0);
     if (n < 0) {
       if (errno == EINTR) continue;
       if (errno == EXDEV || errno == ENOSYS || errno == EOPNOTSUPP || errno == EINVAL) {
@@ -143,9 +215,10 @@ bool CopyBytes(int in, int out, std::uint32_t& error) {
       return false;
     }
     if (n == 0) break;
-    remaining -= n;
+    copied += n;
   }
   if (!fallback) return true;
+  copied = 0;
   if (::lseek(in, 0, SEEK_SET) < 0 || ::ftruncate(out, 0) != 0 || ::lseek(out, 0, SEEK_SET) < 0) {
     error = ErrnoToWinError(errno);
     return false;
@@ -167,25 +240,54 @@ bool CopyBytes(int in, int out, std::uint32_t& error) {
         return false;
       }
       done += w;
+      copied += w;
     }
   }
 }
 
-bool CopyRegularFile(const std::string& from, const std::string& to, std::uint32_t& error) {
+// Copies a regular file over `to`. A new file is created. An existing one is
+// written over in place and then cut to the copy's length: truncating it to
+// nothing first would have ext4 start writing it back to the disk the moment
+// it is closed (its guard for files that are rewritten without a sync), a
+// wait for every replaced file that a copy does not need. Either way the
+// file ends as the truncating open would leave it, also after a failure: the
+// bytes copied so far and nothing else.
+bool CopyRegularFile(const std::string& from, const std::string& to, bool replacing, std::uint32_t& error) {
   int in = ::open(from.c_str(), O_RDONLY | O_CLOEXEC);
   if (in < 0) {
     error = CodeFor(errno, from);
     return false;
   }
   struct stat st;
-  ::fstat(in, &st);
-  int out = ::open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, st.st_mode & 07777);
+  if (::fstat(in, &st) != 0) {
+    error = ErrnoToWinError(errno);
+    ::close(in);
+    return false;
+  }
+  int out = ::open(to.c_str(), O_WRONLY | O_CREAT | (replacing ? 0 : O_TRUNC) | O_CLOEXEC, st.st_mode & 07777);
   if (out < 0) {
     error = CodeFor(errno, to);
     ::close(in);
     return false;
   }
-  bool ok = CopyBytes(in, out, error);
+  // The length the file had when opened: more than the copy brings is cut.
+  off_t previous = 0;
+  if (replacing) {
+    struct stat opened;
+    if (::fstat(out, &opened) != 0) {
+      error = ErrnoToWinError(errno);
+      ::close(out);
+      ::close(in);
+      return false;
+    }
+    previous = S_ISREG(opened.st_mode) ? opened.st_size : 0;
+  }
+  off_t copied = 0;
+  bool ok = CopyBytes(in, out, st.st_size, st.st_dev, copied, error);
+  if (previous > copied && ::ftruncate(out, copied) != 0 && ok) {
+    error = ErrnoToWinError(errno);
+    ok = false;
+  }
   if (ok) {
     // CopyFileW keeps the last write time.
     struct timespec times[2] = {st.st_atim, st.st_mtim};
@@ -235,7 +337,7 @@ bool CopyTree(const std::string& from, const std::string& to, std::uint32_t& err
     }
     return true;
   }
-  if (!S_ISDIR(st.st_mode)) return CopyRegularFile(from, to, error);
+  if (!S_ISDIR(st.st_mode)) return CopyRegularFile(from, to, false, error);
   if (::mkdir(to.c_str(), st.st_mode & 07777) != 0) {
     error = ErrnoToWinError(errno);
     return false;
@@ -280,31 +382,36 @@ bool MatchesPattern(const WString& pattern, const WString& name, std::size_t p =
 
 std::uint32_t GetFileAttributesW(const WString& path) {
   QV_FAULT_POINT("GetFileAttributesW", return kInvalidFileAttributes, path);
-  std::string host;
-  std::size_t depth = 0;
-  if (!Resolve(path, host, depth)) return kInvalidFileAttributes;
+  posix::HostEntry entry;
+  if (!Resolve(path, entry)) return kInvalidFileAttributes;
+  struct stat st;
+  if (!EntryLstat(entry, st)) {
+    SetLastError(EntryCode(errno, entry));
+    return kInvalidFileAttributes;
+  }
   bool ok = false;
-  std::uint32_t attributes = AttributesOf(host, depth, LastName(host), ok);
+  std::uint32_t attributes = AttributesFrom(st, entry.path, entry.depth, LastName(entry.path), ok);
   return ok ? attributes : kInvalidFileAttributes;
 }
 
 bool GetFileAttributesExW(const WString& path, NodeType& type) {
   QV_FAULT_POINT("GetFileAttributesExW", return false, path);
-  std::string host;
-  if (!Resolve(path, host)) return false;
+  posix::HostEntry entry;
+  if (!Resolve(path, entry)) return false;
   struct stat st;
-  if (::stat(host.c_str(), &st) != 0) return Fail(CodeFor(errno, host));
+  if (!EntryStat(entry, st)) return Fail(EntryCode(errno, entry));
   type = S_ISDIR(st.st_mode) ? NodeType::Directory : S_ISREG(st.st_mode) ? NodeType::RegularFile : NodeType::Other;
   return true;
 }
 
 bool CreateDirectoryW(const WString& path) {
   QV_FAULT_POINT("CreateDirectoryW", return false, path);
-  std::string host;
-  std::size_t depth = 0;
-  if (!Resolve(path, host, depth)) return false;
-  if (depth == 0) return Fail(kErrorAccessDenied);
-  if (::mkdir(host.c_str(), 0777) != 0) {
+  posix::HostEntry entry;
+  if (!Resolve(path, entry)) return false;
+  if (entry.depth == 0) return Fail(kErrorAccessDenied);
+  // Whatever is there already, even a dangling link, makes mkdir fail so.
+  if (entry.state == posix::HostEntry::State::Present) return Fail(kErrorAlreadyExists);
+  if (::mkdir(entry.path.c_str(), 0777) != 0) {
     if (errno == ENOENT) return Fail(kErrorPathNotFound);
     return Fail(ErrnoToWinError(errno));
   }
@@ -313,13 +420,15 @@ bool CreateDirectoryW(const WString& path) {
 
 bool MoveFileExW(const WString& from, const WString& to, std::uint32_t flags) {
   QV_FAULT_POINT("MoveFileExW", return false, from, to);
-  std::string source;
-  std::string target;
-  if (!Resolve(from, source) || !Resolve(to, target)) return false;
+  posix::HostEntry sourceEntry;
+  posix::HostEntry targetEntry;
+  if (!Resolve(from, sourceEntry) || !Resolve(to, targetEntry)) return false;
+  const std::string& source = sourceEntry.path;
+  const std::string& target = targetEntry.path;
   struct stat sourceStat;
-  if (::lstat(source.c_str(), &sourceStat) != 0) return Fail(CodeFor(errno, source));
+  if (!EntryLstat(sourceEntry, sourceStat)) return Fail(EntryCode(errno, sourceEntry));
   struct stat targetStat;
-  if (::lstat(target.c_str(), &targetStat) == 0) {
+  if (EntryLstat(targetEntry, targetStat)) {
     // A folder at the target is never replaced, even when empty; a file is,
     // but only with MOVEFILE_REPLACE_EXISTING. Renaming an entry onto itself
     // (a change of case) is allowed.
@@ -362,39 +471,44 @@ bool MoveFileExW(const WString& from, const WString& to, std::uint32_t flags) {
 
 bool CopyFileW(const WString& from, const WString& to, bool failIfExists) {
   QV_FAULT_POINT("CopyFileW", return false, from, to);
-  std::string source;
-  std::string target;
-  if (!Resolve(from, source) || !Resolve(to, target)) return false;
+  posix::HostEntry sourceEntry;
+  posix::HostEntry targetEntry;
+  if (!Resolve(from, sourceEntry) || !Resolve(to, targetEntry)) return false;
+  const std::string& source = sourceEntry.path;
+  const std::string& target = targetEntry.path;
   struct stat st;
-  if (::stat(source.c_str(), &st) != 0) return Fail(CodeFor(errno, source));
+  if (!EntryStat(sourceEntry, st)) return Fail(EntryCode(errno, sourceEntry));
   if (S_ISDIR(st.st_mode)) return Fail(kErrorAccessDenied);
   struct stat existing;
-  if (::stat(target.c_str(), &existing) == 0) {
+  bool replacing = false;
+  if (EntryStat(targetEntry, existing)) {
     if (S_ISDIR(existing.st_mode)) return Fail(kErrorAccessDenied);
     if (failIfExists) return Fail(kErrorFileExists);
     if (existing.st_dev == st.st_dev && existing.st_ino == st.st_ino) return Fail(kErrorSharingViolation);
+    replacing = S_ISREG(existing.st_mode);
   }
   std::uint32_t error = 0;
-  if (!CopyRegularFile(source, target, error)) return Fail(error);
+  if (!CopyRegularFile(source, target, replacing, error)) return Fail(error);
   return true;
 }
 
 bool DeleteFileW(const WString& path) {
   QV_FAULT_POINT("DeleteFileW", return false, path);
-  std::string host;
-  if (!Resolve(path, host)) return false;
+  posix::HostEntry entry;
+  if (!Resolve(path, entry)) return false;
   struct stat st;
-  if (::lstat(host.c_str(), &st) != 0) return Fail(CodeFor(errno, host));
+  if (!EntryLstat(entry, st)) return Fail(EntryCode(errno, entry));
   if (S_ISDIR(st.st_mode)) return Fail(kErrorAccessDenied);
-  if (::unlink(host.c_str()) != 0) return Fail(CodeFor(errno, host));
+  if (::unlink(entry.path.c_str()) != 0) return Fail(CodeFor(errno, entry.path));
   return true;
 }
 
 Handle CreateFileW(const WString& path, std::uint32_t desiredAccess, std::uint32_t /*shareMode*/,
                    std::uint32_t creationDisposition, std::uint32_t /*flagsAndAttributes*/) {
   QV_FAULT_POINT("CreateFileW", return kInvalidHandle, path);
-  std::string host;
-  if (!Resolve(path, host)) return kInvalidHandle;
+  posix::HostEntry entry;
+  if (!Resolve(path, entry)) return kInvalidHandle;
+  const std::string& host = entry.path;
   int flags = O_CLOEXEC;
   bool read = (desiredAccess & 0x80000000u) != 0;
   bool write = (desiredAccess & kGenericWrite) != 0;
@@ -408,7 +522,7 @@ Handle CreateFileW(const WString& path, std::uint32_t desiredAccess, std::uint32
     default: SetLastError(kErrorInvalidParameter); return kInvalidHandle;
   }
   struct stat st;
-  if (::stat(host.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+  if (EntryStat(entry, st) && S_ISDIR(st.st_mode)) {
     SetLastError(kErrorAccessDenied);
     return kInvalidHandle;
   }

@@ -2,6 +2,8 @@
 // kernel's process table. Internal to the posix backend.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <string>
 
@@ -40,6 +42,27 @@ bool ToHostPath(const WString& windowsPath, std::string& hostPath, std::uint32_t
 // The same, also telling how many components lie below the drive root (0 for
 // the root itself): a link at depth 0 maps a drive and is no reparse point.
 bool ResolveHostPath(const WString& windowsPath, std::string& hostPath, std::size_t& depth, std::uint32_t& error);
+
+// A resolved path with what the resolution learnt of its last element on the
+// way, so that a caller need not ask the file system again.
+struct HostEntry {
+  enum class State {
+    Present,  // lstat of `path` succeeded: `status` holds it
+    Absent,   // lstat of `path` failed with ENOENT
+    Unknown,  // not asked, or failed otherwise: the caller asks itself
+  };
+  std::string path;
+  std::size_t depth = 0;
+  State state = State::Unknown;
+  struct stat status {};
+  // For an absent entry, the Windows code of its absence when the resolution
+  // knows it: 2 when the folder that would hold it is there, 3 when a folder
+  // on the way is missing; 0 when the caller must find out.
+  std::uint32_t missingCode = 0;
+};
+
+// ResolveHostPath, keeping the lstat of the last element when it was made.
+bool ResolveHostEntry(const WString& windowsPath, HostEntry& entry, std::uint32_t& error);
 
 // GetFullPathNameW's normalisation: "/" to "\", relative and rooted forms
 // against the current directory, "." and ".." resolved, repeated separators

@@ -4,13 +4,18 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <pthread.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <map>
 #include <string>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "platform/constants.h"
@@ -104,7 +109,6 @@ std::string DriveTarget(WChar letter) {
   return it->second;
 }
 
-// Finds an entry of `folder` named like `name` without regard to case.
 bool IsAscii(const std::string& text) {
   for (char c : text) {
     if (static_cast<unsigned char>(c) >= 0x80) return false;
@@ -124,7 +128,246 @@ bool EqualIgnoringAsciiCase(const char* a, const std::string& b) {
   return a[k] == '\0' && k == b.size();
 }
 
-bool FindEntryIgnoringCase(const std::string& folder, const std::string& name, std::string& found) {
+// The key under which a name is found without regard to case: its folded
+// code points, as the comparison of a folder scan folds them.
+std::u32string FoldKey(const std::string& name) {
+  if (!IsAscii(name)) return FoldedCodePoints(name);
+  std::u32string key(name.begin(), name.end());
+  for (char32_t& c : key) {
+    if (c >= U'A' && c <= U'Z') c += 32;
+  }
+  return key;
+}
+
+// Listings of folders, kept while the kernel reports every change to them.
+//
+// A name that does not exist as written must be looked for among all the
+// entries of its folder, and a copy into a new tree asks that for every file
+// it makes: reading the folder each time would cost a scan per file. Here a
+// folder is read once, an inotify watch on it reports each entry that comes
+// or goes, by whichever process, and those reports are applied before every
+// answer, so an answer is as fresh as a scan. Only folders on local file
+// systems are kept, where every change passes through this kernel; a queue
+// that overflowed drops all listings.
+class FolderListings {
+ public:
+  // Answers whether `folder` holds an entry named like `name`. False when no
+  // listing can be had; the caller then scans the folder itself.
+  bool Find(const std::string& folder, const struct stat& folderStatus, const std::string& name, bool& match,
+            std::string& found) {
+    if (!S_ISDIR(folderStatus.st_mode) || !Ready()) return false;
+    Drain();
+    if (!Ready()) return false;
+    Listing* listing = nullptr;
+    auto id = byIdentity_.find({folderStatus.st_dev, folderStatus.st_ino});
+    if (id != byIdentity_.end()) {
+      listing = &listings_.at(id->second);
+    } else {
+      listing = Read(folder, folderStatus);
+      if (listing == nullptr) return false;
+    }
+    listing->lastUse = ++clock_;
+    auto it = listing->names.find(FoldKey(name));
+    match = it != listing->names.end() && !it->second.empty();
+    if (match) found = it->second.front();
+    return true;
+  }
+
+ private:
+  // At most this many folders are kept, and no folder with more entries.
+  static constexpr std::size_t kMaxFolders = 256;
+  static constexpr std::size_t kMaxEntries = 50000;
+
+  struct Listing {
+    dev_t device = 0;
+    ino_t inode = 0;
+    std::uint64_t lastUse = 0;
+    // Folded name to the entries' own names, in the order they were seen.
+    std::unordered_map<std::u32string, std::vector<std::string>> names;
+  };
+
+  static void Add(Listing& listing, const std::string& name) {
+    std::vector<std::string>& same = listing.names[FoldKey(name)];
+    for (const std::string& known : same) {
+      if (known == name) return;
+    }
+    same.push_back(name);
+  }
+
+  static void Remove(Listing& listing, const std::string& name) {
+    auto it = listing.names.find(FoldKey(name));
+    if (it == listing.names.end()) return;
+    std::vector<std::string>& same = it->second;
+    for (auto k = same.begin(); k != same.end(); ++k) {
+      if (*k == name) {
+        same.erase(k);
+        break;
+      }
+    }
+    if (same.empty()) listing.names.erase(it);
+  }
+
+  // Opens the inotify instance on first use. A child made by fork shares its
+  // parent's instance: it leaves that one alone and starts afresh.
+  bool Ready() {
+    if (broken_) return false;
+    if (forked_) {
+      forked_ = false;
+      listings_.clear();
+      byIdentity_.clear();
+      fd_ = -1;  // the parent's: not closed here, it still reads it
+    }
+    if (fd_ >= 0) return true;
+    static const bool registered = ::pthread_atfork(nullptr, nullptr, [] { forked_ = true; }) == 0;
+    if (!registered) {
+      broken_ = true;
+      return false;
+    }
+    fd_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    if (fd_ < 0) {
+      broken_ = true;
+      return false;
+    }
+    return true;
+  }
+
+  void DropAll() {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+    listings_.clear();
+    byIdentity_.clear();
+  }
+
+  // Applies every change reported so far.
+  void Drain() {
+    alignas(inotify_event) char buffer[16384];
+    for (;;) {
+      const ssize_t n = ::read(fd_, buffer, sizeof buffer);
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0 && errno == EAGAIN) return;
+      if (n <= 0) {
+        // The instance cannot be read: nothing it holds can be trusted.
+        DropAll();
+        broken_ = true;
+        return;
+      }
+      // A read leaves room for the next event only when none was waiting.
+      const bool emptied = sizeof buffer - static_cast<std::size_t>(n) >= sizeof(inotify_event) + NAME_MAX + 1;
+      for (ssize_t at = 0; at < n;) {
+        const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
+        at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
+        if ((event->mask & IN_Q_OVERFLOW) != 0) {
+          DropAll();
+          return;
+        }
+        auto it = listings_.find(event->wd);
+        if (it == listings_.end()) continue;
+        if ((event->mask & IN_IGNORED) != 0) {
+          // The folder is gone (or its file system): its identity may be
+          // given to another folder.
+          byIdentity_.erase({it->second.device, it->second.inode});
+          listings_.erase(it);
+          continue;
+        }
+        const std::string entryName = event->len > 0 ? std::string(event->name) : std::string();
+        if (entryName.empty()) continue;
+        if ((event->mask & (IN_CREATE | IN_MOVED_TO)) != 0) Add(it->second, entryName);
+        if ((event->mask & (IN_DELETE | IN_MOVED_FROM)) != 0) Remove(it->second, entryName);
+      }
+      if (emptied) return;
+    }
+  }
+
+  static bool OnLocalFileSystem(int folderFd) {
+    struct statfs fs;
+    if (::fstatfs(folderFd, &fs) != 0) return false;
+    switch (static_cast<unsigned long>(fs.f_type)) {
+      case 0xEF53UL:      // ext2, ext3, ext4
+      case 0x58465342UL:  // xfs
+      case 0x9123683EUL:  // btrfs
+      case 0x01021994UL:  // tmpfs
+      case 0xF2F52010UL:  // f2fs
+      case 0x794C7630UL:  // overlayfs
+        return true;
+      default:
+        return false;
+    }
+  }
+
+  // Watches the folder and reads it. The watch is set on the open folder
+  // before it is read, so nothing that changes while it is read is missed.
+  Listing* Read(const std::string& folder, const struct stat& folderStatus) {
+    const int dirFd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dirFd < 0) return nullptr;
+    struct stat opened;
+    if (::fstat(dirFd, &opened) != 0 || opened.st_dev != folderStatus.st_dev || opened.st_ino != folderStatus.st_ino ||
+        !OnLocalFileSystem(dirFd)) {
+      ::close(dirFd);
+      return nullptr;
+    }
+    if (listings_.size() >= kMaxFolders) Evict();
+    const std::string self = "/proc/self/fd/" + std::to_string(dirFd);
+    const int wd = ::inotify_add_watch(fd_, self.c_str(),
+                                       IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_ONLYDIR);
+    if (wd < 0) {
+      ::close(dirFd);
+      return nullptr;
+    }
+    DIR* dir = ::fdopendir(dirFd);
+    if (dir == nullptr) {
+      ::close(dirFd);
+      ::inotify_rm_watch(fd_, wd);
+      return nullptr;
+    }
+    Listing listing;
+    listing.device = opened.st_dev;
+    listing.inode = opened.st_ino;
+    std::size_t count = 0;
+    while (dirent* entry = ::readdir(dir)) {
+      const char* name = entry->d_name;
+      if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0) continue;
+      if (++count > kMaxEntries) break;
+      Add(listing, name);
+    }
+    ::closedir(dir);
+    if (count > kMaxEntries) {
+      ::inotify_rm_watch(fd_, wd);
+      return nullptr;
+    }
+    byIdentity_[{listing.device, listing.inode}] = wd;
+    listings_[wd] = std::move(listing);
+    // Changes made while the folder was read are applied over the listing.
+    Drain();
+    auto it = listings_.find(wd);
+    return it == listings_.end() ? nullptr : &it->second;
+  }
+
+  void Evict() {
+    auto oldest = listings_.begin();
+    for (auto it = listings_.begin(); it != listings_.end(); ++it) {
+      if (it->second.lastUse < oldest->second.lastUse) oldest = it;
+    }
+    if (oldest == listings_.end()) return;
+    ::inotify_rm_watch(fd_, oldest->first);
+    byIdentity_.erase({oldest->second.device, oldest->second.inode});
+    listings_.erase(oldest);
+  }
+
+  static inline bool forked_ = false;
+  int fd_ = -1;
+  bool broken_ = false;
+  std::uint64_t clock_ = 0;
+  std::unordered_map<int, Listing> listings_;  // by watch
+  std::map<std::pair<dev_t, ino_t>, int> byIdentity_;
+};
+
+FolderListings& Listings() {
+  static FolderListings* listings = new FolderListings;
+  return *listings;
+}
+
+// Reads the folder for an entry named like `name` without regard to case.
+bool ScanFolderIgnoringCase(const std::string& folder, const std::string& name, std::string& found) {
   DIR* dir = ::opendir(folder.c_str());
   if (dir == nullptr) return false;
   const bool ascii = IsAscii(name);
@@ -150,6 +393,15 @@ bool FindEntryIgnoringCase(const std::string& folder, const std::string& name, s
   }
   ::closedir(dir);
   return match;
+}
+
+// Finds an entry of `folder` named like `name` without regard to case, from
+// the folder's kept listing when its status is at hand, else by a scan.
+bool FindEntryIgnoringCase(const std::string& folder, const struct stat* folderStatus, const std::string& name,
+                           std::string& found) {
+  bool match = false;
+  if (folderStatus != nullptr && Listings().Find(folder, *folderStatus, name, match, found)) return match;
+  return ScanFolderIgnoringCase(folder, name, found);
 }
 
 bool IsValidComponent(const WString& component) {
@@ -267,7 +519,9 @@ bool FullPathName(const WString& name, WString& full, std::uint32_t& error) {
   return true;
 }
 
-bool ResolveHostPath(const WString& windowsPath, std::string& hostPath, std::size_t& depth, std::uint32_t& error) {
+bool ResolveHostEntry(const WString& windowsPath, HostEntry& entry, std::uint32_t& error) {
+  entry.state = HostEntry::State::Unknown;
+  entry.missingCode = 0;
   WString full;
   if (!FullPathName(windowsPath, full, error)) return false;
   if (full.size() < 3 || full[1] != u':' || !IsDriveLetter(full[0])) {
@@ -293,7 +547,7 @@ bool ResolveHostPath(const WString& windowsPath, std::string& hostPath, std::siz
     }
     names.push_back(WideToUtf8(component));
   }
-  depth = names.size();
+  entry.depth = names.size();
   const std::string root = current == "/" ? "" : current;
   auto join = [&root, &names](std::size_t count) {
     std::string path = root;
@@ -301,38 +555,86 @@ bool ResolveHostPath(const WString& windowsPath, std::string& hostPath, std::siz
     return path.empty() ? std::string("/") : path;
   };
 
+  if (names.empty()) {
+    entry.path = current;
+    return true;
+  }
   // Most paths exist as written, or all but their last element do: one
   // lstat each settles those without reading any folder.
-  struct stat st;
-  if (names.empty()) {
-    hostPath = current;
-    return true;
-  }
   std::string asWritten = join(names.size());
+  struct stat st;
   if (::lstat(asWritten.c_str(), &st) == 0) {
-    hostPath = asWritten;
+    entry.path = std::move(asWritten);
+    entry.state = HostEntry::State::Present;
+    entry.status = st;
     return true;
   }
+  const int lastError = errno;
+
+  // The status of the folder that holds the element being looked up, when an
+  // lstat of it has been made.
+  struct stat folder;
+  bool haveFolder = false;
   std::size_t known = 0;  // elements known to exist as written
-  if (names.size() == 1 || ::lstat(join(names.size() - 1).c_str(), &st) == 0) known = names.size() - 1;
+  if (names.size() == 1) {
+    known = 0;
+  } else if (::lstat(join(names.size() - 1).c_str(), &folder) == 0) {
+    known = names.size() - 1;
+    haveFolder = true;
+  }
 
   current = join(known);
   bool lookUp = true;
   for (std::size_t k = known; k < names.size(); ++k) {
+    const bool last = k + 1 == names.size();
     std::string base = current == "/" ? "" : current;
     std::string candidate = base + "/" + names[k];
-    if (lookUp && ::lstat(candidate.c_str(), &st) != 0) {
-      std::string found;
-      if (FindEntryIgnoringCase(current, names[k], found)) {
-        candidate = base + "/" + found;
+    if (lookUp) {
+      // The last element as written has been asked already.
+      const bool asked = last && k == known && known + 1 == names.size();
+      int err = lastError;
+      bool exists = false;
+      if (!asked) {
+        exists = ::lstat(candidate.c_str(), &st) == 0;
+        err = errno;
+      }
+      if (exists) {
+        if (last) {
+          entry.state = HostEntry::State::Present;
+          entry.status = st;
+        }
+        folder = st;
+        haveFolder = true;
       } else {
-        // Nothing by that name: later elements cannot exist either.
-        lookUp = false;
+        std::string found;
+        if (FindEntryIgnoringCase(current, haveFolder ? &folder : nullptr, names[k], found)) {
+          candidate = base + "/" + found;
+          haveFolder = false;
+        } else {
+          // Nothing by that name: later elements cannot exist either.
+          lookUp = false;
+          if (err == ENOENT) {
+            entry.state = HostEntry::State::Absent;
+            if (!last) {
+              entry.missingCode = kErrorPathNotFound;
+            } else if (haveFolder && S_ISDIR(folder.st_mode)) {
+              entry.missingCode = kErrorFileNotFound;
+            }
+          }
+        }
       }
     }
-    current = candidate;
+    current = std::move(candidate);
   }
-  hostPath = current;
+  entry.path = std::move(current);
+  return true;
+}
+
+bool ResolveHostPath(const WString& windowsPath, std::string& hostPath, std::size_t& depth, std::uint32_t& error) {
+  HostEntry entry;
+  if (!ResolveHostEntry(windowsPath, entry, error)) return false;
+  hostPath = std::move(entry.path);
+  depth = entry.depth;
   return true;
 }
 

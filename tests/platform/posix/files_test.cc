@@ -191,6 +191,21 @@ TEST_F(PrefixTest, CopyCreateWriteDelete) {
   WriteFile(C("src"), "short");
   ASSERT_TRUE(CopyFileW(u"C:\\src", u"C:\\DST", false));
   EXPECT_EQ(ReadFile(C("dst")), "short");
+  // A replaced file holds the source's bytes alone, whether it was longer,
+  // as long, or shorter, and keeps its own permissions.
+  ::chmod(C("dst").c_str(), 0640);
+  WriteFile(C("src"), "SHORT");
+  ASSERT_TRUE(CopyFileW(u"C:\\src", u"C:\\dst", false));
+  EXPECT_EQ(ReadFile(C("dst")), "SHORT");
+  WriteFile(C("src"), std::string(70000, 'g'));
+  ASSERT_TRUE(CopyFileW(u"C:\\src", u"C:\\dst", false));
+  EXPECT_EQ(ReadFile(C("dst")), std::string(70000, 'g'));
+  WriteFile(C("src"), "");
+  ASSERT_TRUE(CopyFileW(u"C:\\src", u"C:\\dst", false));
+  EXPECT_EQ(ReadFile(C("dst")), "");
+  ::stat(C("dst").c_str(), &st);
+  EXPECT_EQ(st.st_mode & 0777, 0640u);
+  WriteFile(C("src"), "short");
   EXPECT_FALSE(CopyFileW(u"C:\\src", u"C:\\dst", true));
   EXPECT_EQ(GetLastError(), kErrorFileExists);
   MakeDirs(C("folder"));
