@@ -24,7 +24,6 @@
 namespace qv::platform::posix {
 namespace {
 
-bool IsSeparator(WChar c) { return c == u'\\' || c == u'/'; }
 bool IsDriveLetter(WChar c) { return (c >= u'A' && c <= u'Z') || (c >= u'a' && c <= u'z'); }
 WChar UpperLetter(WChar c) { return (c >= u'a' && c <= u'z') ? static_cast<WChar>(c - 32) : c; }
 

@@ -399,12 +399,15 @@ std::uint32_t GetPrivateProfileStringW(const WString& section, const WString& ke
                                        WString& value, std::uint32_t size, const WString& path) {
   QV_FAULT_POINT("GetPrivateProfileStringW", return posix::UnreadableProfileDefault(defaultValue, value, size),
                  section, key, path);
-  std::string host;
   std::uint32_t error = 0;
   ProfileCache& cache = Cache();
-  struct stat st;
-  if (posix::ToHostPath(path, host, error) && ::stat(host.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
-      SameVersion(cache, host, st)) {
+  posix::HostEntry entry;
+  const bool resolved = posix::ResolveHostEntry(path, entry, error);
+  const std::string host = resolved ? entry.path : std::string();
+  // The resolution's lstat stands for the file unless it found a link.
+  struct stat st = entry.status;
+  const bool known = resolved && entry.state == posix::HostEntry::State::Present && !S_ISLNK(st.st_mode);
+  if (resolved && (known || ::stat(host.c_str(), &st) == 0) && S_ISREG(st.st_mode) && SameVersion(cache, host, st)) {
     return Answer(cache, section, key, defaultValue, value, size);
   }
   cache.valid = false;
@@ -438,7 +441,7 @@ std::uint32_t GetPrivateProfileStringW(const WString& section, const WString& ke
   return posix::ReadProfileString(bytes, section, key, defaultValue, value, size);
 }
 
-bool FlushPrivateProfileCache(const WString& path) {
+bool FlushPrivateProfileCache([[maybe_unused]] const WString& path) {
   QV_FAULT_POINT("WritePrivateProfileStringW", return false, path);
   Cache().valid = false;
   // Wine answers this call with FALSE
