@@ -8,6 +8,7 @@
 
 #include "platform/platform.h"
 #include "platform/posix/host.h"
+#include "support/drive_c_prefix.h"
 #include "support/test_support.h"
 
 namespace qv::platform {
@@ -21,17 +22,7 @@ using test::TempDir;
 using test::WriteFile;
 
 // A prefix whose C: is drive_c and whose Z: is not mapped (so "/").
-class PrefixTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    MakeDirs(dir_ / "prefix/drive_c");
-    MakeSymlink("../drive_c", dir_ / "prefix/dosdevices/c:");
-    ::setenv("WINEPREFIX", (dir_ / "prefix").c_str(), 1);
-  }
-  void TearDown() override { ::unsetenv("WINEPREFIX"); }
-  std::string C(const std::string& relative) const { return dir_ / ("prefix/drive_c/" + relative); }
-  TempDir dir_;
-};
+using PrefixTest = test::DriveCPrefixTest;
 
 TEST_F(PrefixTest, DriveMapAndCaseInsensitiveLookup) {
   MakeDirs(C("users/Root/AppData"));

@@ -13,6 +13,7 @@
 
 #include "platform/platform.h"
 #include "platform/posix/host.h"
+#include "support/drive_c_prefix.h"
 #include "support/test_support.h"
 
 namespace qv::platform {
@@ -23,15 +24,8 @@ using test::MakeSymlink;
 using test::TempDir;
 using test::WriteFile;
 
-class HostLookupTest : public ::testing::Test {
+class HostLookupTest : public test::DriveCPrefixTest {
  protected:
-  void SetUp() override {
-    MakeDirs(dir_ / "prefix/drive_c");
-    MakeSymlink("../drive_c", dir_ / "prefix/dosdevices/c:");
-    ::setenv("WINEPREFIX", (dir_ / "prefix").c_str(), 1);
-  }
-  void TearDown() override { ::unsetenv("WINEPREFIX"); }
-  std::string C(const std::string& relative) const { return dir_ / ("prefix/drive_c/" + relative); }
 
   // The host path of a Windows path, or "" when it has none.
   static std::string Host(const WString& windows) {
@@ -45,8 +39,6 @@ class HostLookupTest : public ::testing::Test {
     ASSERT_GE(fd, 0) << path;
     ::close(fd);
   }
-
-  TempDir dir_;
 };
 
 TEST_F(HostLookupTest, EntriesThatComeAndGoAfterALookupAreSeen) {
