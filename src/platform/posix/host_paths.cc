@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstring>
 #include <map>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -154,14 +155,22 @@ class FolderListings {
   // listing can be had; the caller then scans the folder itself.
   bool Find(const std::string& folder, const struct stat& folderStatus, const std::string& name, bool& match,
             std::string& found) {
-    if (!S_ISDIR(folderStatus.st_mode) || !Ready()) return false;
-    Drain();
-    if (!Ready()) return false;
+    if (!S_ISDIR(folderStatus.st_mode) || broken_) return false;
+    ForgetParentsListings();
+    if (!listings_.empty()) {
+      Drain();
+      if (broken_) return false;
+    }
     Listing* listing = nullptr;
-    auto id = byIdentity_.find({folderStatus.st_dev, folderStatus.st_ino});
+    const std::pair<dev_t, ino_t> identity{folderStatus.st_dev, folderStatus.st_ino};
+    auto id = byIdentity_.find(identity);
     if (id != byIdentity_.end()) {
       listing = &listings_.at(id->second);
     } else {
+      // A folder is kept from its second lookup on: one looked up once (the
+      // folder of each installation, say) costs a plain scan, not a watch.
+      if (lookedUpOnce_.size() >= kMaxLookedUpOnce) lookedUpOnce_.clear();
+      if (lookedUpOnce_.insert(identity).second || !Ready()) return false;
       listing = Read(folder, folderStatus);
       if (listing == nullptr) return false;
     }
@@ -176,6 +185,8 @@ class FolderListings {
   // At most this many folders are kept, and no folder with more entries.
   static constexpr std::size_t kMaxFolders = 256;
   static constexpr std::size_t kMaxEntries = 50000;
+  // Folders looked up once and not kept are remembered up to this many.
+  static constexpr std::size_t kMaxLookedUpOnce = 4096;
 
   struct Listing {
     dev_t device = 0;
@@ -206,16 +217,20 @@ class FolderListings {
     if (same.empty()) listing.names.erase(it);
   }
 
-  // Opens the inotify instance on first use. A child made by fork shares its
-  // parent's instance: it leaves that one alone and starts afresh.
+  // A child made by fork shares its parent's instance: it leaves that one
+  // alone and starts afresh.
+  void ForgetParentsListings() {
+    if (!forked_) return;
+    forked_ = false;
+    listings_.clear();
+    byIdentity_.clear();
+    fd_ = -1;  // the parent's: not closed here, it still reads it
+  }
+
+  // Opens the inotify instance on first use.
   bool Ready() {
     if (broken_) return false;
-    if (forked_) {
-      forked_ = false;
-      listings_.clear();
-      byIdentity_.clear();
-      fd_ = -1;  // the parent's: not closed here, it still reads it
-    }
+    ForgetParentsListings();
     if (fd_ >= 0) return true;
     static const bool registered = ::pthread_atfork(nullptr, nullptr, [] { forked_ = true; }) == 0;
     if (!registered) {
@@ -358,6 +373,7 @@ class FolderListings {
   std::uint64_t clock_ = 0;
   std::unordered_map<int, Listing> listings_;  // by watch
   std::map<std::pair<dev_t, ino_t>, int> byIdentity_;
+  std::set<std::pair<dev_t, ino_t>> lookedUpOnce_;
 };
 
 FolderListings& Listings() {
@@ -568,19 +584,34 @@ bool ResolveHostEntry(const WString& windowsPath, HostEntry& entry, std::uint32_
     entry.status = st;
     return true;
   }
-  const int lastError = errno;
-
-  // The status of the folder that holds the element being looked up, when an
-  // lstat of it has been made.
-  struct stat folder;
+  // The deepest prefix that exists as written is found looking upward from
+  // the path's folder: most missing paths lack only their last element or
+  // two. Past a few steps the rest is halved instead, so a path missing from
+  // near the drive root (another case there, say) costs a few lstat calls,
+  // not one for each element. Existence as written runs down from the root
+  // without a gap: an lstat that succeeds walked every folder above it.
+  int missingError = errno;            // of the lstat of the shortest missing prefix
+  std::size_t missing = names.size();  // elements in that prefix
+  std::size_t known = 0;               // elements known to exist as written
+  struct stat folder {};               // the lstat of those, when made
   bool haveFolder = false;
-  std::size_t known = 0;  // elements known to exist as written
-  if (names.size() == 1) {
-    known = 0;
-  } else if (::lstat(join(names.size() - 1).c_str(), &folder) == 0) {
-    known = names.size() - 1;
-    haveFolder = true;
+  constexpr std::size_t kUpwardSteps = 3;
+  // Ends with `known` + 1 == `missing`.
+  for (std::size_t step = 0; known + 1 < missing; ++step) {
+    const std::size_t trial = step < kUpwardSteps ? missing - 1 : (known + missing) / 2;
+    struct stat probe;
+    if (::lstat(join(trial).c_str(), &probe) == 0) {
+      known = trial;
+      folder = probe;
+      haveFolder = true;
+    } else {
+      missing = trial;
+      missingError = errno;
+    }
   }
+  // The drive's root is looked into like any folder: with its status at
+  // hand its listing can be kept, for the next name missing there.
+  if (known == 0 && ::stat(join(0).c_str(), &folder) == 0) haveFolder = true;
 
   current = join(known);
   bool lookUp = true;
@@ -589,9 +620,9 @@ bool ResolveHostEntry(const WString& windowsPath, HostEntry& entry, std::uint32_
     std::string base = current == "/" ? "" : current;
     std::string candidate = base + "/" + names[k];
     if (lookUp) {
-      // The last element as written has been asked already.
-      const bool asked = last && k == known && known + 1 == names.size();
-      int err = lastError;
+      // The element just below the deepest existing prefix has been asked.
+      const bool asked = k == known;
+      int err = missingError;
       bool exists = false;
       if (!asked) {
         exists = ::lstat(candidate.c_str(), &st) == 0;

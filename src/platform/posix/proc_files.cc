@@ -22,7 +22,7 @@ std::string ProcessFolder(std::uint32_t processId) {
 namespace {
 
 // Reads an open file to its end, or (with `stopAt`) until a read brings that
-// byte; closes it.
+// byte.
 bool ReadOpenFile(int fd, std::string& bytes, int& err, int stopAt) {
   bytes.clear();
   char buffer[4096];
@@ -31,47 +31,77 @@ bool ReadOpenFile(int fd, std::string& bytes, int& err, int stopAt) {
     if (n < 0) {
       if (errno == EINTR) continue;
       err = errno;
-      ::close(fd);
       return false;
     }
     if (n == 0) break;
     bytes.append(buffer, static_cast<std::size_t>(n));
     if (stopAt >= 0 && std::memchr(buffer, stopAt, static_cast<std::size_t>(n)) != nullptr) break;
   }
-  ::close(fd);
   return true;
+}
+
+// Opens `relative` below `folder` (the working folder for AT_FDCWD); when
+// the descriptors run out and a batch holds some, the batch is closed and
+// the open tried once more.
+int OpenAt(int folder, const char* relative, DescriptorBatch* batch) {
+  int fd = ::openat(folder, relative, O_RDONLY | O_CLOEXEC);
+  if (fd < 0 && errno == EMFILE && batch != nullptr && batch->size() != 0) {
+    batch->CloseAll();
+    fd = ::openat(folder, relative, O_RDONLY | O_CLOEXEC);
+  }
+  return fd;
+}
+
+// Reads `relative` below `folder` as ReadOpenFile does, then closes it or
+// hands it to `batch`.
+bool ReadFileAt(int folder, const char* relative, std::string& bytes, int& err, int stopAt, DescriptorBatch* batch) {
+  bytes.clear();
+  const int fd = OpenAt(folder, relative, batch);
+  if (fd < 0) {
+    err = errno;
+    return false;
+  }
+  const bool read = ReadOpenFile(fd, bytes, err, stopAt);
+  if (batch != nullptr) {
+    batch->Add(fd);
+  } else {
+    ::close(fd);
+  }
+  return read;
 }
 
 }  // namespace
 
-bool ReadWholeFile(const std::string& path, std::string& bytes, int& err) {
-  bytes.clear();
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    err = errno;
-    return false;
+void DescriptorBatch::Add(int fd) {
+  if (!runs_.empty() && runs_.back().second + 1 == fd) {
+    runs_.back().second = fd;
+  } else {
+    runs_.emplace_back(fd, fd);
   }
-  return ReadOpenFile(fd, bytes, err, -1);
+  if (++count_ >= kMax) CloseAll();
+}
+
+void DescriptorBatch::CloseAll() {
+  for (const auto& [first, last] : runs_) {
+    if (first == last || ::close_range(static_cast<unsigned>(first), static_cast<unsigned>(last), 0) != 0) {
+      // A kernel without close_range: one at a time.
+      for (int fd = first; fd <= last; ++fd) ::close(fd);
+    }
+  }
+  runs_.clear();
+  count_ = 0;
+}
+
+bool ReadWholeFile(const std::string& path, std::string& bytes, int& err) {
+  return ReadFileAt(AT_FDCWD, path.c_str(), bytes, err, -1, nullptr);
 }
 
 bool ReadWholeFileAt(int folder, const char* relative, std::string& bytes, int& err) {
-  bytes.clear();
-  int fd = ::openat(folder, relative, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    err = errno;
-    return false;
-  }
-  return ReadOpenFile(fd, bytes, err, -1);
+  return ReadFileAt(folder, relative, bytes, err, -1, nullptr);
 }
 
-bool ReadFirstArgumentAt(int folder, const char* relative, std::string& first, int& err) {
-  first.clear();
-  int fd = ::openat(folder, relative, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    err = errno;
-    return false;
-  }
-  if (!ReadOpenFile(fd, first, err, '\0')) return false;
+bool ReadFirstArgumentAt(int folder, const char* relative, std::string& first, int& err, DescriptorBatch* batch) {
+  if (!ReadFileAt(folder, relative, first, err, '\0', batch)) return false;
   first.resize(std::strlen(first.c_str()));
   return true;
 }

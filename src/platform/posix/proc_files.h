@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "platform/platform.h"
 
@@ -27,9 +29,34 @@ bool ReadWholeFile(const std::string& path, std::string& bytes, int& err);
 // The same for a path relative to an open folder.
 bool ReadWholeFileAt(int folder, const char* relative, std::string& bytes, int& err);
 
+// Descriptors opened one after another and closed together: close_range(2)
+// shuts a run of consecutive descriptors in one call, where closing each
+// would cost a call of its own. A walk over a thousand processes opens a
+// thousand files.
+class DescriptorBatch {
+ public:
+  DescriptorBatch() = default;
+  DescriptorBatch(const DescriptorBatch&) = delete;
+  DescriptorBatch& operator=(const DescriptorBatch&) = delete;
+  ~DescriptorBatch() { CloseAll(); }
+
+  // Takes the descriptor over; closes what it holds once it holds kMax.
+  void Add(int fd);
+  void CloseAll();
+  std::size_t size() const { return count_; }
+
+  static constexpr std::size_t kMax = 256;
+
+ private:
+  std::vector<std::pair<int, int>> runs_;  // first and last of each run
+  std::size_t count_ = 0;
+};
+
 // argv[0] of the cmdline file at `relative` below an open folder: its bytes up
 // to the first NUL, read no further than that. False with an errno value.
-bool ReadFirstArgumentAt(int folder, const char* relative, std::string& first, int& err);
+// With `batch`, the file is left to the batch to close.
+bool ReadFirstArgumentAt(int folder, const char* relative, std::string& first, int& err,
+                         DescriptorBatch* batch = nullptr);
 
 // argv[0] of a cmdline file: the bytes up to the first NUL.
 std::string FirstArgument(const std::string& cmdline);

@@ -46,12 +46,12 @@ bool ListProcessIds(DIR* dir, std::vector<std::uint32_t>& ids) {
 // else the kernel's comm (the file name cut to 15 bytes), which is read only
 // then. False for an entry that has gone meanwhile. `table` is the process
 // table's folder, open.
-bool ExeFileName(int table, std::uint32_t id, WString& name) {
+bool ExeFileName(int table, std::uint32_t id, WString& name, posix::DescriptorBatch& opened) {
   char relative[32];
   const int length = std::snprintf(relative, sizeof relative, "%u/cmdline", id);
   std::string first;
   int err = 0;
-  if (posix::ReadFirstArgumentAt(table, relative, first, err) && posix::IsAbsoluteWindowsPath(first)) {
+  if (posix::ReadFirstArgumentAt(table, relative, first, err, &opened) && posix::IsAbsoluteWindowsPath(first)) {
     std::string_view last = std::string_view(first).substr(first.find_last_of("\\/") + 1);
     if (!last.empty()) {
       name = Utf8ToWide(last);
@@ -105,10 +105,13 @@ Handle CreateToolhelp32Snapshot() {
   auto snapshot = std::make_shared<Snapshot>();
   snapshot->entries.reserve(ids.size());
   const int table = ::dirfd(dir);
-  for (std::uint32_t id : ids) {
-    ProcessEntry entry;
-    entry.processId = id;
-    if (ExeFileName(table, id, entry.exeFile)) snapshot->entries.push_back(std::move(entry));
+  {
+    posix::DescriptorBatch opened;
+    for (std::uint32_t id : ids) {
+      ProcessEntry entry;
+      entry.processId = id;
+      if (ExeFileName(table, id, entry.exeFile, opened)) snapshot->entries.push_back(std::move(entry));
+    }
   }
   ::closedir(dir);
   return posix::RegisterHandle(posix::HandleKind::Snapshot, snapshot);

@@ -68,6 +68,10 @@ struct OpenKey {
   Hive hive = Hive::Machine;
   WString path;
   std::vector<WString> subkeys;
+  // The key's place in the parse it was last looked up in: calls on the key
+  // while the file is unchanged start from there instead of the root.
+  std::weak_ptr<const WineRegistry> parsed;
+  posix::WineKeySpan span;
 };
 
 std::mutex registryMutex;
@@ -259,26 +263,37 @@ bool LinkTarget(const WineRegistry& registry, const WString& path, Hive& hive, s
   return true;
 }
 
+bool SameParse(const std::weak_ptr<const WineRegistry>& kept, const std::shared_ptr<const WineRegistry>& current) {
+  return !kept.owner_before(current) && !current.owner_before(kept) && !kept.expired();
+}
+
 // Walks the path one component at a time, following links as Wine's server
 // does: every link on the way, and the last key's own link unless
-// `followLast` is false. The first `resolved` components are a key that an
-// earlier open already walked to (links followed), so the walk starts at the
-// last of them; after a link it starts again from the root of the target.
-std::int32_t ResolveKey(Hive& hive, std::vector<WString>& parts, bool followLast, std::size_t resolved) {
-  std::shared_ptr<const WineRegistry> registry = LoadHive(hive);
-  int links = 0;
-  WString folded;  // the first i components, folded and joined
-  std::size_t i = resolved > 1 ? resolved - 1 : 0;
-  for (std::size_t k = 0; k < i; ++k) {
-    if (k != 0) folded.push_back(u'\\');
-    folded += posix::FoldRegistryName(parts[k]);
+// `followLast` is false. The first `resolved` components are the key `from`,
+// which an earlier open already walked to (links followed): while the file
+// is unchanged the walk starts at its place in the index, else at the root.
+// After a link it starts again from the root of the target. `found` gets
+// the key's place in the parse it was found in.
+std::int32_t ResolveKey(Hive& hive, std::vector<WString>& parts, bool followLast, const OpenKey* from,
+                        std::size_t resolved, std::shared_ptr<const WineRegistry>& registry,
+                        posix::WineKeySpan& found) {
+  // The root is never a link.
+  const auto rootOf = [](const WineRegistry& parsed) {
+    posix::WineKeySpan root = posix::WineRootSpan(parsed);
+    root.link = false;
+    return root;
+  };
+  registry = LoadHive(hive);
+  posix::WineKeySpan span = rootOf(*registry);
+  std::size_t i = 0;  // components walked so far
+  if (from != nullptr && resolved > 0 && from->hive == hive && SameParse(from->parsed, registry)) {
+    span = from->span;
+    i = resolved;
   }
-  for (++i; i <= parts.size(); ++i) {
-    if (i > 1) folded.push_back(u'\\');
-    folded += posix::FoldRegistryName(parts[i - 1]);
-    const posix::WineKeyState state = posix::LookUpFoldedWineKey(*registry, folded);
-    if (!state.exists) return static_cast<std::int32_t>(kErrorFileNotFound);
-    if ((i < parts.size() || followLast) && state.link) {
+  int links = 0;
+  while (true) {
+    // Its own link, kept by REG_OPTION_OPEN_LINK, is followed on the way down.
+    if (span.link && (i < parts.size() || followLast)) {
       std::vector<WString> target;
       if (++links > kMaxLinks || !LinkTarget(*registry, JoinComponents(parts, i), hive, target)) {
         return static_cast<std::int32_t>(kErrorFileNotFound);
@@ -286,11 +301,29 @@ std::int32_t ResolveKey(Hive& hive, std::vector<WString>& parts, bool followLast
       target.insert(target.end(), parts.begin() + static_cast<std::ptrdiff_t>(i), parts.end());
       parts = std::move(target);
       registry = LoadHive(hive);
-      folded.clear();
+      span = rootOf(*registry);
       i = 0;
+      continue;
     }
+    if (i == parts.size()) break;
+    span = posix::FindWineSubkeySpan(*registry, span, posix::FoldRegistryName(parts[i]));
+    if (!span.exists) return static_cast<std::int32_t>(kErrorFileNotFound);
+    ++i;
   }
+  found = span;
   return 0;
+}
+
+// The place of an open key (or a predefined root) in the hive's current
+// parse, kept in the open key for the calls that follow.
+posix::WineKeySpan KeySpan(RegKey key, const WString& path, const std::shared_ptr<const WineRegistry>& registry) {
+  auto open = openKeys.find(key);
+  if (open == openKeys.end()) return posix::FindWineKeySpan(*registry, path);
+  if (!SameParse(open->second.parsed, registry)) {
+    open->second.span = posix::FindWineKeySpan(*registry, path);
+    open->second.parsed = registry;
+  }
+  return open->second.span;
 }
 
 // ---------------------------------------------------------- environment --
@@ -406,13 +439,18 @@ std::int32_t RegOpenKeyExW(RegKey root, const WString& subKey, std::uint32_t opt
     resolved = 0;
   }
   constexpr std::uint32_t kOpenLink = 0x8;  // REG_OPTION_OPEN_LINK
-  if (std::int32_t error = ResolveKey(hive, parts, (options & kOpenLink) == 0, resolved); error != 0) {
+  const auto from = IsPredefined(root) ? openKeys.end() : openKeys.find(root);
+  std::shared_ptr<const WineRegistry> registry;
+  posix::WineKeySpan span;
+  if (std::int32_t error = ResolveKey(hive, parts, (options & kOpenLink) == 0,
+                                      from == openKeys.end() ? nullptr : &from->second, resolved, registry, span);
+      error != 0) {
     SetLastError(static_cast<std::uint32_t>(error));
     return error;
   }
   RegKey key = nextKey;
   nextKey += 4;
-  openKeys[key] = OpenKey{hive, JoinComponents(parts, parts.size()), {}};
+  openKeys[key] = OpenKey{hive, JoinComponents(parts, parts.size()), {}, registry, span};
   result = key;
   return 0;
 }
@@ -430,7 +468,8 @@ std::int32_t RegEnumKeyExW(RegKey key, std::uint32_t index, WString& name, std::
   const std::vector<WString>* subkeys = &fresh;
   auto open = openKeys.find(key);
   if (open == openKeys.end() || index == 0) {
-    fresh = posix::WineSubkeyNames(*LoadHive(hive), path);
+    const std::shared_ptr<const WineRegistry> registry = LoadHive(hive);
+    fresh = posix::WineSubkeyNames(*registry, KeySpan(key, path, registry));
     if (open != openKeys.end()) {
       open->second.subkeys = std::move(fresh);
       subkeys = &open->second.subkeys;
@@ -462,7 +501,8 @@ std::int32_t RegQueryValueExW(RegKey key, const WString& valueName, std::uint32_
     return static_cast<std::int32_t>(kErrorInvalidHandle);
   }
   posix::WineRegistryValue value;
-  if (!posix::FindWineValue(*LoadHive(hive), path, valueName, value)) {
+  const std::shared_ptr<const WineRegistry> registry = LoadHive(hive);
+  if (!posix::FindWineValue(*registry, KeySpan(key, path, registry), valueName, value)) {
     SetLastError(kErrorFileNotFound);
     return static_cast<std::int32_t>(kErrorFileNotFound);
   }

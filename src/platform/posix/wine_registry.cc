@@ -235,14 +235,22 @@ bool ParseValueData(std::string_view text, std::size_t sectionEnd, Line& line, s
   return true;
 }
 
-enum class Match { Whole, Prefix, PrefixAndSeparator };
+enum class Match { Whole, PrefixAndSeparator };
 
-// The index's order between one entry's folded path and `query`: negative,
-// zero or positive. With Match::Prefix an entry that begins with the query
-// compares equal; with Match::PrefixAndSeparator one that begins with the
-// query and a separator (any non-empty path, for an empty query).
+// Where the comparison of an entry starts: the first `folded` units of its
+// path (`raw` bytes of a plain name, whose separators take two) are known
+// to be the same in every entry compared, and are not looked at again.
+struct Skip {
+  std::size_t folded = 0;
+  std::size_t raw = 0;
+};
+
+// The index's order between one entry's folded path, from `skip` on, and
+// `query`: negative, zero or positive. With Match::PrefixAndSeparator an
+// entry that begins with the query and a separator compares equal (any
+// non-empty path, for an empty query).
 int CompareEntry(const WineRegistry& registry, const WineRegistryKeyEntry& entry, WStringView query,
-                 Match match = Match::Whole) {
+                 Match match = Match::Whole, Skip skip = {}) {
   std::size_t j = 0;
   const std::size_t n = query.size();
   const auto differ = [](char16_t a, char16_t b) {
@@ -253,8 +261,9 @@ int CompareEntry(const WineRegistry& registry, const WineRegistryKeyEntry& entry
   bool more = false;
   char16_t first = 0;  // the entry's unit just past the query
   if (entry.plain) {
-    const char* raw = registry.text.data() + entry.name;
-    const char* end = raw + entry.nameLength;
+    if (skip.raw > entry.nameLength) return -1;
+    const char* raw = registry.text.data() + entry.name + skip.raw;
+    const char* end = registry.text.data() + entry.name + entry.nameLength;
     while (raw < end && j < n) {
       char16_t unit = static_cast<unsigned char>(*raw);
       if (unit == u'\\') {
@@ -269,8 +278,9 @@ int CompareEntry(const WineRegistry& registry, const WineRegistryKeyEntry& entry
     more = raw < end;
     if (more) first = *raw == '\\' ? u'\\' : u'x';
   } else {
-    const char16_t* folded = registry.foldedPaths.data() + entry.foldedBegin;
-    const char16_t* end = folded + entry.foldedLength;
+    if (skip.folded > entry.foldedLength) return -1;
+    const char16_t* folded = registry.foldedPaths.data() + entry.foldedBegin + skip.folded;
+    const char16_t* end = registry.foldedPaths.data() + entry.foldedBegin + entry.foldedLength;
     while (folded < end && j < n) {
       if (*folded != query[j]) return differ(*folded, query[j]);
       ++folded;
@@ -281,7 +291,6 @@ int CompareEntry(const WineRegistry& registry, const WineRegistryKeyEntry& entry
   }
   if (j < n) return -1;  // the entry's path ended first
   if (!more) return match == Match::PrefixAndSeparator ? -1 : 0;
-  if (match == Match::Prefix) return 0;
   if (match == Match::PrefixAndSeparator) {
     if (n == 0 || first == u'\\') return 0;
     return 1;
@@ -289,10 +298,10 @@ int CompareEntry(const WineRegistry& registry, const WineRegistryKeyEntry& entry
   return 1;
 }
 
-// The first entry whose folded path does not come before `path`.
-std::vector<WineRegistryKeyEntry>::const_iterator LowerBound(const WineRegistry& registry, WStringView path) {
-  return std::partition_point(registry.keys.begin(), registry.keys.end(),
-                              [&](const WineRegistryKeyEntry& e) { return CompareEntry(registry, e, path) < 0; });
+// What the entries below a key share: its path and one separator.
+Skip SkipBelow(const WineKeySpan& key) {
+  if (key.root) return {};
+  return {key.units + 1u, std::size_t{key.units} + key.separators + 2u};
 }
 
 // Reads the name of the value line `line` into `name`, leaving `pos` after
@@ -311,22 +320,22 @@ bool ParseValueName(std::string_view t, std::size_t& pos, WString& name) {
   return false;
 }
 
-// Calls `visit(name, line, pos)` for each value line of the sections of one
-// key, in file order, with `pos` just after the value's name; `visit` may
-// move `line` on to continuation lines.
+// Calls `visit(name, line, pos, sectionEnd)` for each value line of the key's
+// own sections, in file order, with `pos` just after the value's name;
+// `visit` may move `line` on to continuation lines.
 template <typename Visit>
-void ForEachValueName(const WineRegistry& registry, WStringView foldedPath, Visit visit) {
+void ForEachValueName(const WineRegistry& registry, const WineKeySpan& key, Visit visit) {
   std::string_view text = registry.text;
   WString name;
-  for (auto it = LowerBound(registry, foldedPath);
-       it != registry.keys.end() && CompareEntry(registry, *it, foldedPath) == 0; ++it) {
-    std::size_t pos = it->bodyBegin;
-    while (pos < it->bodyEnd) {
-      Line line = LineAt(text, pos, it->bodyEnd);
+  for (std::uint32_t k = key.begin; k < key.own; ++k) {
+    const WineRegistryKeyEntry& entry = registry.keys[k];
+    std::size_t pos = entry.bodyBegin;
+    while (pos < entry.bodyEnd) {
+      Line line = LineAt(text, pos, entry.bodyEnd);
       std::size_t i = SkipSpaces(line.text, 0);
       if (i < line.text.size() && (line.text[i] == '"' || line.text[i] == '@')) {
         std::size_t after = 0;
-        if (ParseValueName(line.text, after, name)) visit(name, line, after, it->bodyEnd);
+        if (ParseValueName(line.text, after, name)) visit(name, line, after, entry.bodyEnd);
       }
       pos = line.next;
     }
@@ -528,7 +537,17 @@ bool EntryLess(const WineRegistry& registry, const WineRegistryKeyEntry& a, cons
   const char* y = registry.text.data() + b.name;
   const char* yEnd = y + b.nameLength;
   // Both names advance alike while they agree: a separator is the same two
-  // bytes in each.
+  // bytes in each. Neighbours in the index share long prefixes, passed over
+  // eight bytes at a time while the bytes are the same.
+  const std::size_t both = static_cast<std::size_t>(std::min(xEnd - x, yEnd - y));
+  std::size_t same = 0;
+  for (std::uint64_t a = 0, b = 0; same + 8 <= both; same += 8) {
+    std::memcpy(&a, x + same, 8);
+    std::memcpy(&b, y + same, 8);
+    if (a != b) break;
+  }
+  x += same;
+  y += same;
   for (; x < xEnd && y < yEnd; ++x, ++y) {
     char cx = *x >= 'A' && *x <= 'Z' ? static_cast<char>(*x + 32) : *x;
     char cy = *y >= 'A' && *y <= 'Z' ? static_cast<char>(*y + 32) : *y;
@@ -609,50 +628,74 @@ WineRegistry ParseWineRegistry(std::shared_ptr<const void> storage, std::string_
   return registry;
 }
 
+WineKeySpan WineRootSpan(const WineRegistry& registry) {
+  WineKeySpan root;
+  root.exists = true;
+  // Headers with an empty name, if any, are the root's own and sort first.
+  const auto own = std::partition_point(registry.keys.begin(), registry.keys.end(),
+                                        [&](const WineRegistryKeyEntry& e) { return CompareEntry(registry, e, {}) == 0; });
+  root.own = static_cast<std::uint32_t>(own - registry.keys.begin());
+  root.end = static_cast<std::uint32_t>(registry.keys.size());
+  for (std::uint32_t k = 0; k < root.own; ++k) root.link = root.link || registry.keys[k].link;
+  return root;
+}
+
+WineKeySpan FindWineSubkeySpan(const WineRegistry& registry, const WineKeySpan& parent, WStringView foldedRelative) {
+  if (foldedRelative.empty()) return parent;
+  WineKeySpan key;
+  key.root = false;
+  const std::size_t separators = static_cast<std::size_t>(std::count(foldedRelative.begin(), foldedRelative.end(), u'\\'));
+  key.units = static_cast<std::uint32_t>(parent.root ? foldedRelative.size() : parent.units + 1 + foldedRelative.size());
+  key.separators = static_cast<std::uint32_t>(parent.root ? separators : parent.separators + 1 + separators);
+  // Every entry below the parent begins with the parent's path: only what
+  // follows it is compared.
+  const Skip skip = SkipBelow(parent);
+  const auto below = registry.keys.begin() + parent.own;
+  const auto last = registry.keys.begin() + parent.end;
+  const auto begin = std::partition_point(below, last, [&](const WineRegistryKeyEntry& e) {
+    return CompareEntry(registry, e, foldedRelative, Match::Whole, skip) < 0;
+  });
+  // The key's own headers come first, then the headers below it: a separator
+  // sorts before every other character.
+  auto own = begin;
+  for (; own != last && CompareEntry(registry, *own, foldedRelative, Match::Whole, skip) == 0; ++own) {
+    key.link = key.link || own->link;
+  }
+  const auto end = std::partition_point(own, last, [&](const WineRegistryKeyEntry& e) {
+    return CompareEntry(registry, e, foldedRelative, Match::PrefixAndSeparator, skip) == 0;
+  });
+  key.begin = static_cast<std::uint32_t>(begin - registry.keys.begin());
+  key.own = static_cast<std::uint32_t>(own - registry.keys.begin());
+  key.end = static_cast<std::uint32_t>(end - registry.keys.begin());
+  key.exists = key.begin != key.end;
+  return key;
+}
+
+WineKeySpan FindWineKeySpan(const WineRegistry& registry, WStringView path) {
+  return FindWineSubkeySpan(registry, WineRootSpan(registry), FoldRegistryName(path));
+}
+
 WineKeyState LookUpFoldedWineKey(const WineRegistry& registry, WStringView foldedPath) {
-  WineKeyState state;
-  if (foldedPath.empty()) {
-    state.exists = true;
-  }
-  auto it = LowerBound(registry, foldedPath);
-  // The first entry not before the path is the key's own header, or else the
-  // first header below it: a separator sorts before every other character.
-  for (; it != registry.keys.end() && CompareEntry(registry, *it, foldedPath) == 0; ++it) {
-    state.exists = true;
-    state.link = state.link || it->link;
-  }
-  if (!state.exists && it != registry.keys.end() &&
-      CompareEntry(registry, *it, foldedPath, Match::PrefixAndSeparator) == 0) {
-    state.exists = true;
-  }
-  return state;
+  const WineKeySpan key = FindWineSubkeySpan(registry, WineRootSpan(registry), foldedPath);
+  return {key.exists, key.link};
 }
 
-bool WineKeyExists(const WineRegistry& registry, WStringView path) {
-  if (path.empty()) return true;
-  return LookUpFoldedWineKey(registry, FoldRegistryName(path)).exists;
-}
+bool WineKeyExists(const WineRegistry& registry, WStringView path) { return FindWineKeySpan(registry, path).exists; }
 
-bool WineKeyIsLink(const WineRegistry& registry, WStringView path) {
-  return LookUpFoldedWineKey(registry, FoldRegistryName(path)).link;
-}
+bool WineKeyIsLink(const WineRegistry& registry, WStringView path) { return FindWineKeySpan(registry, path).link; }
 
-std::vector<WString> WineSubkeyNames(const WineRegistry& registry, WStringView path) {
-  WString prefix = FoldRegistryName(path);
-  std::size_t depth = 0;
-  if (!prefix.empty()) depth = static_cast<std::size_t>(std::count(prefix.begin(), prefix.end(), u'\\')) + 1;
+std::vector<WString> WineSubkeyNames(const WineRegistry& registry, const WineKeySpan& key) {
+  const std::size_t depth = key.root ? 0 : std::size_t{key.separators} + 1;
   struct Child {
     WString folded;
     std::uint32_t order;
     const WineRegistryKeyEntry* entry;
   };
   std::vector<Child> children;
-  // The headers below the key follow its own, if it has one.
-  auto it = LowerBound(registry, prefix);
-  while (it != registry.keys.end() && CompareEntry(registry, *it, prefix) == 0) ++it;
-  const std::size_t skip = prefix.empty() ? 0 : prefix.size() + 1;
+  const std::size_t skip = SkipBelow(key).folded;
   WString folded;
-  for (; it != registry.keys.end() && CompareEntry(registry, *it, prefix, Match::PrefixAndSeparator) == 0; ++it) {
+  const auto last = registry.keys.begin() + key.end;
+  for (auto it = registry.keys.begin() + key.own; it != last; ++it) {
     folded = FoldedPath(registry, *it);
     WStringView rest = WStringView(folded).substr(skip);
     WStringView name = rest.substr(0, rest.find(u'\\'));
@@ -703,31 +746,37 @@ std::vector<WString> WineSubkeyNames(const WineRegistry& registry, WStringView p
   return names;
 }
 
-bool FindWineValue(const WineRegistry& registry, WStringView path, WStringView name, WineRegistryValue& value) {
-  const WString foldedPath = FoldRegistryName(path);
+std::vector<WString> WineSubkeyNames(const WineRegistry& registry, WStringView path) {
+  return WineSubkeyNames(registry, FindWineKeySpan(registry, path));
+}
+
+bool FindWineValue(const WineRegistry& registry, const WineKeySpan& key, WStringView name, WineRegistryValue& value) {
   const WString wanted = FoldRegistryName(name);
   bool found = false;
   WineRegistryValue lineValue;
-  ForEachValueName(registry, foldedPath,
-                   [&](const WString& valueName, Line& line, std::size_t pos, std::size_t sectionEnd) {
-                     if (!SameFoldedName(valueName, wanted)) {
-                       // Only hex data runs on over several lines: read it to
-                       // pass its continuation lines, as for any value.
-                       if (HasHexData(line.text, pos)) ParseValueData(registry.text, sectionEnd, line, pos, lineValue);
-                       return;
-                     }
-                     if (!ParseValueData(registry.text, sectionEnd, line, pos, lineValue)) return;
-                     value = lineValue;
-                     found = true;
-                   });
+  ForEachValueName(registry, key, [&](const WString& valueName, Line& line, std::size_t pos, std::size_t sectionEnd) {
+    if (!SameFoldedName(valueName, wanted)) {
+      // Only hex data runs on over several lines: read it to pass its
+      // continuation lines, as for any value.
+      if (HasHexData(line.text, pos)) ParseValueData(registry.text, sectionEnd, line, pos, lineValue);
+      return;
+    }
+    if (!ParseValueData(registry.text, sectionEnd, line, pos, lineValue)) return;
+    value = lineValue;
+    found = true;
+  });
   return found;
+}
+
+bool FindWineValue(const WineRegistry& registry, WStringView path, WStringView name, WineRegistryValue& value) {
+  return FindWineValue(registry, FindWineKeySpan(registry, path), name, value);
 }
 
 std::vector<std::pair<WString, WineRegistryValue>> WineKeyValues(const WineRegistry& registry, WStringView path) {
   std::vector<std::pair<WString, WineRegistryValue>> values;
   std::unordered_map<WString, std::size_t> positions;
   WineRegistryValue value;
-  ForEachValueName(registry, FoldRegistryName(path),
+  ForEachValueName(registry, FindWineKeySpan(registry, path),
                    [&](const WString& name, Line& line, std::size_t pos, std::size_t sectionEnd) {
                      if (!ParseValueData(registry.text, sectionEnd, line, pos, value)) return;
                      auto [it, added] = positions.emplace(FoldRegistryName(name), values.size());

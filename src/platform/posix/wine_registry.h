@@ -108,6 +108,29 @@ bool WineKeyIsLink(const WineRegistry& registry, WStringView path);
 std::vector<WString> WineSubkeyNames(const WineRegistry& registry, WStringView path);
 // The value of that name ("" for the default value), false when absent.
 bool FindWineValue(const WineRegistry& registry, WStringView path, WStringView name, WineRegistryValue& value);
+
+// A key's place in the index of one parse: keys[begin, own) are its own
+// headers and keys[own, end) the headers below it. A caller that keeps it
+// (an open key) looks up subkeys, values and subkey names without searching
+// from the root, and compares only what follows the key's path. Valid only
+// for the WineRegistry it was found in.
+struct WineKeySpan {
+  std::uint32_t begin = 0;
+  std::uint32_t own = 0;
+  std::uint32_t end = 0;
+  std::uint32_t units = 0;       // length of the folded path
+  std::uint32_t separators = 0;  // backslashes in it
+  bool root = true;
+  bool exists = false;
+  bool link = false;  // one of its own headers carries "#link"
+};
+WineKeySpan WineRootSpan(const WineRegistry& registry);
+// The key at `foldedRelative` (folded components joined by single
+// backslashes) below `parent`; the empty path is `parent` itself.
+WineKeySpan FindWineSubkeySpan(const WineRegistry& registry, const WineKeySpan& parent, WStringView foldedRelative);
+WineKeySpan FindWineKeySpan(const WineRegistry& registry, WStringView path);
+std::vector<WString> WineSubkeyNames(const WineRegistry& registry, const WineKeySpan& key);
+bool FindWineValue(const WineRegistry& registry, const WineKeySpan& key, WStringView name, WineRegistryValue& value);
 // All values of the key, in order of first appearance, later data winning.
 std::vector<std::pair<WString, WineRegistryValue>> WineKeyValues(const WineRegistry& registry, WStringView path);
 

@@ -141,6 +141,36 @@ TEST_F(HostLookupTest, ManyFoldersLookedUpInTurn) {
   }
 }
 
+TEST_F(HostLookupTest, DeepPathsResolveWhereverTheirCaseOrTheirFoldersStop) {
+  MakeDirs(C("Top/a/b/c/d/e/f/g"));
+  const std::string exact[] = {"Top", "a", "b", "c", "d", "e", "f", "g"};
+  const std::u16string upper[] = {u"TOP", u"A", u"B", u"C", u"D", u"E", u"F", u"G"};
+  // Every depth at which the folders stop, and every depth at which the
+  // case stops matching, with five missing elements below.
+  for (int existing = 0; existing <= 8; ++existing) {
+    for (int sameCase = 0; sameCase <= existing; ++sameCase) {
+      std::u16string windows = u"C:";
+      std::string host = C("");
+      host.pop_back();
+      for (int i = 0; i < existing; ++i) {
+        windows += u"\\" + (i < sameCase ? Utf8ToWide(exact[i]) : upper[i]);
+        host += "/" + exact[i];
+      }
+      for (int i = 0; i < 5; ++i) {
+        windows += u"\\M" + Utf8ToWide(std::to_string(i));
+        host += "/M" + std::to_string(i);
+      }
+      EXPECT_EQ(Host(windows), host) << existing << " " << sameCase;
+      EXPECT_EQ(GetFileAttributesW(windows), kInvalidFileAttributes);
+      EXPECT_EQ(GetLastError(), kErrorPathNotFound) << existing << " " << sameCase;
+    }
+  }
+  // The last element alone missing, under folders in another case.
+  EXPECT_EQ(GetFileAttributesW(u"C:\\TOP\\A\\B\\C\\D\\E\\F\\G\\file"), kInvalidFileAttributes);
+  EXPECT_EQ(GetLastError(), kErrorFileNotFound);
+  EXPECT_EQ(Host(u"C:\\top\\A\\b\\C\\d\\E\\f\\G"), C("Top/a/b/c/d/e/f/g"));
+}
+
 TEST_F(HostLookupTest, MissingEntriesTellAMissingFileFromAMissingFolder) {
   MakeDirs(C("Real/dir"));
   WriteFile(C("Real/file"), "x");
