@@ -5,7 +5,10 @@
 #include <algorithm>
 #include <cstdio>
 #include <cerrno>
+#include <chrono>
 #include <memory>
+#include <mutex>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/fault_injection.h"
@@ -22,8 +25,17 @@ struct Snapshot {
   std::size_t next = 0;
 };
 
+// One numeric folder of the process table: the pid, and the inode that the
+// listing gives for the folder. The kernel makes a new inode for each
+// process, so a pid reused by another process comes with another inode.
+struct TableEntry {
+  std::uint32_t id = 0;
+  ino_t inode = 0;
+  bool operator<(const TableEntry& other) const { return id < other.id; }
+};
+
 // The numeric folders of the process table, in ascending pid order.
-bool ListProcessIds(DIR* dir, std::vector<std::uint32_t>& ids) {
+bool ListProcessIds(DIR* dir, std::vector<TableEntry>& ids) {
   while (const dirent* entry = ::readdir(dir)) {
     std::string_view name(entry->d_name);
     if (name.empty() || name.size() > 10) continue;
@@ -36,17 +48,18 @@ bool ListProcessIds(DIR* dir, std::vector<std::uint32_t>& ids) {
       }
       id = id * 10 + static_cast<std::uint64_t>(c - '0');
     }
-    if (digits && id <= 0xFFFFFFFFull) ids.push_back(static_cast<std::uint32_t>(id));
+    if (digits && id <= 0xFFFFFFFFull) ids.push_back({static_cast<std::uint32_t>(id), entry->d_ino});
   }
   std::sort(ids.begin(), ids.end());
   return true;
 }
 
-// szExeFile: the last element of argv[0] when Wine put a Windows path there,
-// else the kernel's comm (the file name cut to 15 bytes), which is read only
-// then. False for an entry that has gone meanwhile. `table` is the process
-// table's folder, open.
-bool ExeFileName(int table, std::uint32_t id, WString& name, posix::DescriptorBatch& opened) {
+// szExeFile: the last element of argv[0] when Wine put a Windows path there
+// (`fromWine` is then true), else the kernel's comm (the file name cut to 15
+// bytes), which is read only then. False for an entry that has gone
+// meanwhile. `table` is the process table's folder, open.
+bool ExeFileName(int table, std::uint32_t id, WString& name, bool& fromWine, posix::DescriptorBatch& opened) {
+  fromWine = false;
   char relative[32];
   const int length = std::snprintf(relative, sizeof relative, "%u/cmdline", id);
   std::string first;
@@ -55,6 +68,7 @@ bool ExeFileName(int table, std::uint32_t id, WString& name, posix::DescriptorBa
     std::string_view last = std::string_view(first).substr(first.find_last_of("\\/") + 1);
     if (!last.empty()) {
       name = Utf8ToWide(last);
+      fromWine = true;
       return true;
     }
   }
@@ -64,6 +78,35 @@ bool ExeFileName(int table, std::uint32_t id, WString& name, posix::DescriptorBa
   if (!comm.empty() && comm.back() == '\n') comm.pop_back();
   name = Utf8ToWide(comm);
   return true;
+}
+
+// Names that Wine gave its processes, kept from one snapshot to the next.
+//
+// A snapshot reads a file of each process, and a run takes two or three
+// snapshots within a few milliseconds: the discovery's, the check for a
+// running Fusion and the shell's. Wine sets a process's argv[0] to its
+// Windows path once, at start; a name read from there stands for the same
+// process (same pid, same inode of its folder) for kNameStandsFor. Names
+// that came from comm are read every time: such a process may be a Wine
+// program still starting. Processes that come or go are seen at once, since
+// every snapshot lists the table afresh.
+constexpr std::chrono::milliseconds kNameStandsFor{500};
+
+struct KnownName {
+  ino_t inode = 0;
+  WString name;
+  std::chrono::steady_clock::time_point read;
+};
+
+struct KnownNames {
+  std::mutex mutex;
+  std::string table;
+  std::unordered_map<std::uint32_t, KnownName> byId;
+};
+
+KnownNames& Known() {
+  static KnownNames* known = new KnownNames;
+  return *known;
 }
 
 bool NextEntry(Handle snapshot, ProcessEntry& entry, bool first) {
@@ -98,20 +141,39 @@ Handle CreateToolhelp32Snapshot() {
     SetLastError(posix::ErrnoToWinError(errno));
     return kInvalidHandle;
   }
-  std::vector<std::uint32_t> ids;
+  std::vector<TableEntry> ids;
   ListProcessIds(dir, ids);
   // The names are read now: the snapshot is a picture of this moment, and a
   // process that ends before its files are read is simply not in it.
   auto snapshot = std::make_shared<Snapshot>();
   snapshot->entries.reserve(ids.size());
   const int table = ::dirfd(dir);
+  KnownNames& known = Known();
   {
-    posix::DescriptorBatch opened;
-    for (std::uint32_t id : ids) {
-      ProcessEntry entry;
-      entry.processId = id;
-      if (ExeFileName(table, id, entry.exeFile, opened)) snapshot->entries.push_back(std::move(entry));
+    std::lock_guard<std::mutex> lock(known.mutex);
+    if (known.table != root) {
+      known.byId.clear();
+      known.table = root;
     }
+    const auto now = std::chrono::steady_clock::now();
+    std::unordered_map<std::uint32_t, KnownName> kept;
+    posix::DescriptorBatch opened;
+    for (const TableEntry& id : ids) {
+      ProcessEntry entry;
+      entry.processId = id.id;
+      auto earlier = known.byId.find(id.id);
+      if (earlier != known.byId.end() && earlier->second.inode == id.inode && now - earlier->second.read < kNameStandsFor) {
+        entry.exeFile = earlier->second.name;
+        kept.emplace(id.id, std::move(earlier->second));
+        snapshot->entries.push_back(std::move(entry));
+        continue;
+      }
+      bool fromWine = false;
+      if (!ExeFileName(table, id.id, entry.exeFile, fromWine, opened)) continue;
+      if (fromWine) kept.emplace(id.id, KnownName{id.inode, entry.exeFile, now});
+      snapshot->entries.push_back(std::move(entry));
+    }
+    known.byId = std::move(kept);
   }
   ::closedir(dir);
   return posix::RegisterHandle(posix::HandleKind::Snapshot, snapshot);

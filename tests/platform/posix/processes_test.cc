@@ -105,6 +105,40 @@ TEST(PosixProcesses, SnapshotNamesComeFromWindowsArgv0OrComm) {
   EXPECT_EQ(Walk(snapshot.get()), expected);
 }
 
+TEST(PosixProcesses, LaterSnapshotsSeeEveryProcessThatCameWentOrWasReplaced) {
+  TempDir root;
+  AddProcess(root, 10, Argv({"C:\\x\\Fusion360.exe"}), "Fusion360.exe");
+  AddProcess(root, 11, Argv({"C:\\x\\gone.exe"}), "gone.exe");
+  AddProcess(root, 12, Argv({"/usr/bin/wine64-preloader"}), "wine64-preloade");
+  AddProcess(root, 13, Argv({"C:\\x\\old.exe"}), "old.exe");
+  ScopedEnv env("QUORVANE_PROC_ROOT", root.path());
+  {
+    ScopedHandle first(CreateToolhelp32Snapshot());
+    ASSERT_TRUE(first.valid());
+  }
+  // Right after: one process ended, one started, one (not yet a Windows
+  // path, still starting) took its Windows name, and pid 13 went to another
+  // process (a new folder, so a new inode).
+  std::filesystem::remove_all(root / "11");
+  AddProcess(root, 14, Argv({"C:\\x\\FusionLauncher.exe"}), "FusionLauncher.");
+  WriteFile(root / "12/cmdline", std::string("C:\\x\\started.exe") + '\0');
+  AddProcess(root, 99, Argv({"C:\\x\\new.exe"}), "new.exe");
+  std::filesystem::rename(root / "13", root / "old13");
+  std::filesystem::rename(root / "99", root / "13");
+  const std::vector<std::pair<std::uint32_t, std::string>> expected = {
+      {10, "Fusion360.exe"}, {12, "started.exe"}, {13, "new.exe"}, {14, "FusionLauncher.exe"}};
+  ScopedHandle second(CreateToolhelp32Snapshot());
+  ASSERT_TRUE(second.valid());
+  EXPECT_EQ(Walk(second.get()), expected);
+
+  // A Windows name read moments ago stands for its process; once that time
+  // has passed the file is read again.
+  WriteFile(root / "10/cmdline", std::string("C:\\x\\renamed.exe") + '\0');
+  ::usleep(600 * 1000);
+  ScopedHandle third(CreateToolhelp32Snapshot());
+  EXPECT_EQ(Walk(third.get()).front(), (std::pair<std::uint32_t, std::string>{10, "renamed.exe"}));
+}
+
 TEST(PosixProcesses, SnapshotOfAnEmptyOrMissingTable) {
   TempDir root;
   {
