@@ -6,9 +6,12 @@
 //
 // With --keep the sandbox stays and its prefix and process table are
 // printed, for profiling the tool on it by hand.
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <map>
 #include <sstream>
 #include <string>
 
@@ -61,8 +64,12 @@ int main(int argc, char** argv) {
     WriteFile(dir + "/sessionid", "4294967295");
   }
 
-  ProcessFigures status =
-      TimeProcess(20, QUORVANE_BINARY, {"/status"}, {{"WINEPREFIX", s.prefix}, {"QUORVANE_PROC_ROOT", s.proc}});
+  // The sandbox's thousands of new folders are written back first, and two
+  // runs go untimed, so the figures are the tool's and not the writeback's.
+  ::sync();
+  const std::map<std::string, std::string> env{{"WINEPREFIX", s.prefix}, {"QUORVANE_PROC_ROOT", s.proc}};
+  TimeProcess(2, QUORVANE_BINARY, {"/status"}, env);
+  ProcessFigures status = TimeProcess(20, QUORVANE_BINARY, {"/status"}, env);
   Print("Quorvane_Setup /status, 2,000 Uninstall keys, 1,000 processes", status);
   if (argc > 2 && std::string(argv[2]) == "--keep") {
     std::printf("kept: WINEPREFIX=%s QUORVANE_PROC_ROOT=%s\n", s.prefix.c_str(), s.proc.c_str());
