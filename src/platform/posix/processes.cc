@@ -162,7 +162,8 @@ Handle CreateToolhelp32Snapshot() {
       ProcessEntry entry;
       entry.processId = id.id;
       auto earlier = known.byId.find(id.id);
-      if (earlier != known.byId.end() && earlier->second.inode == id.inode && now - earlier->second.read < kNameStandsFor) {
+      if (earlier != known.byId.end() && earlier->second.inode == id.inode &&
+          now - earlier->second.read < kNameStandsFor) {
         entry.exeFile = earlier->second.name;
         kept.emplace(id.id, std::move(earlier->second));
         snapshot->entries.push_back(std::move(entry));

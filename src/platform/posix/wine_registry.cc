@@ -632,8 +632,9 @@ WineKeySpan WineRootSpan(const WineRegistry& registry) {
   WineKeySpan root;
   root.exists = true;
   // Headers with an empty name, if any, are the root's own and sort first.
-  const auto own = std::partition_point(registry.keys.begin(), registry.keys.end(),
-                                        [&](const WineRegistryKeyEntry& e) { return CompareEntry(registry, e, {}) == 0; });
+  const auto own = std::partition_point(registry.keys.begin(), registry.keys.end(), [&](const WineRegistryKeyEntry& e) {
+    return CompareEntry(registry, e, {}) == 0;
+  });
   root.own = static_cast<std::uint32_t>(own - registry.keys.begin());
   root.end = static_cast<std::uint32_t>(registry.keys.size());
   for (std::uint32_t k = 0; k < root.own; ++k) root.link = root.link || registry.keys[k].link;
@@ -644,9 +645,12 @@ WineKeySpan FindWineSubkeySpan(const WineRegistry& registry, const WineKeySpan& 
   if (foldedRelative.empty()) return parent;
   WineKeySpan key;
   key.root = false;
-  const std::size_t separators = static_cast<std::size_t>(std::count(foldedRelative.begin(), foldedRelative.end(), u'\\'));
-  key.units = static_cast<std::uint32_t>(parent.root ? foldedRelative.size() : parent.units + 1 + foldedRelative.size());
-  key.separators = static_cast<std::uint32_t>(parent.root ? separators : parent.separators + 1 + separators);
+  const auto separators = static_cast<std::size_t>(std::count(foldedRelative.begin(), foldedRelative.end(), u'\\'));
+  // Below a key, its path and one separator come first.
+  const std::size_t above = parent.root ? 0 : std::size_t{parent.units} + 1;
+  const std::size_t separatorsAbove = parent.root ? 0 : std::size_t{parent.separators} + 1;
+  key.units = static_cast<std::uint32_t>(above + foldedRelative.size());
+  key.separators = static_cast<std::uint32_t>(separatorsAbove + separators);
   // Every entry below the parent begins with the parent's path: only what
   // follows it is compared.
   const Skip skip = SkipBelow(parent);
@@ -673,11 +677,6 @@ WineKeySpan FindWineSubkeySpan(const WineRegistry& registry, const WineKeySpan& 
 
 WineKeySpan FindWineKeySpan(const WineRegistry& registry, WStringView path) {
   return FindWineSubkeySpan(registry, WineRootSpan(registry), FoldRegistryName(path));
-}
-
-WineKeyState LookUpFoldedWineKey(const WineRegistry& registry, WStringView foldedPath) {
-  const WineKeySpan key = FindWineSubkeySpan(registry, WineRootSpan(registry), foldedPath);
-  return {key.exists, key.link};
 }
 
 bool WineKeyExists(const WineRegistry& registry, WStringView path) { return FindWineKeySpan(registry, path).exists; }

@@ -93,13 +93,6 @@ int CompareRegistryNames(WStringView a, WStringView b);
 // backslashes, in any case; the empty path is the root itself.
 
 bool WineKeyExists(const WineRegistry& registry, WStringView path);
-// Whether the key exists and whether a header of it carries "#link", in one
-// look-up; `foldedPath` is already folded.
-struct WineKeyState {
-  bool exists = false;
-  bool link = false;
-};
-WineKeyState LookUpFoldedWineKey(const WineRegistry& registry, WStringView foldedPath);
 // Whether a header of the key carries "#link" (its target is the value
 // "SymbolicLinkValue").
 bool WineKeyIsLink(const WineRegistry& registry, WStringView path);
