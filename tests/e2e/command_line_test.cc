@@ -2,8 +2,8 @@
 // binary against fixture prefixes.
 #include <gtest/gtest.h>
 
-#include "support/fixtures.h"
-#include "support/test_support.h"
+#include "support/scene.h"
+#include "support/environment.h"
 
 namespace qv::test {
 namespace {
@@ -16,7 +16,7 @@ constexpr char kUninstalled[] = "Quorvane uninstalled. Settings and ODB++ output
 class CommandLineTest : public ::testing::Test {
  protected:
   void SetUp() override { prefix_ = MakeFixturePrefix(dir_.path()); }
-  RunResult Tool(const std::vector<std::string>& args) { return test::Run(ToolBinary(), args, prefix_.Env()); }
+  RunResult Tool(const std::vector<std::string>& args) { return test::Run(NativeTool().binary, args, prefix_.Env()); }
   void Expect(const std::vector<std::string>& args, int code, const std::string& out, const std::string& err) {
     RunResult r = Tool(args);
     EXPECT_EQ(r.exitCode, code) << "args: " << ::testing::PrintToString(args) << "\nstderr: " << r.err;
@@ -79,7 +79,7 @@ TEST(CommandLineFolders, MissingPerUserFoldersEndWithCode3) {
   for (const std::vector<std::string>& args :
        {std::vector<std::string>{"/status"}, {"/status", "/test-appdata", "a", "/test-localappdata", "b"},
         {"/bogus", "/bogus"}}) {
-    RunResult r = test::Run(ToolBinary(), args, env);
+    RunResult r = test::Run(NativeTool().binary, args, env);
     EXPECT_EQ(r.exitCode, 3);
     EXPECT_EQ(r.err, message);
     EXPECT_EQ(r.out, "");
@@ -88,7 +88,7 @@ TEST(CommandLineFolders, MissingPerUserFoldersEndWithCode3) {
   const char garbage[] = "\x00\xff[[[\\x\n\"=\n";
   WriteFile(dir / "garbage/system.reg", std::string(garbage, sizeof garbage - 1));
   WriteFile(dir / "garbage/user.reg", "WINE REGISTRY Version 2\n;; All keys relative to");
-  RunResult r = test::Run(ToolBinary(), {"/status"}, {{"WINEPREFIX", dir / "garbage"}, {"QUORVANE_PROC_ROOT", dir.path()}});
+  RunResult r = test::Run(NativeTool().binary, {"/status"}, {{"WINEPREFIX", dir / "garbage"}, {"QUORVANE_PROC_ROOT", dir.path()}});
   EXPECT_EQ(r.exitCode, 3);
   EXPECT_EQ(r.err, message);
 }
@@ -98,7 +98,7 @@ TEST(CommandLineFolders, FoldersFromTheShellOrTheOwnAccountWithoutAProfileList) 
   FixturePrefix prefix = MakeFixturePrefix(dir.path(), /*profileList=*/false);
   // No ProfileList entry: the process's own account names the folders, and
   // they exist in the prefix, so the run goes on.
-  RunResult r = test::Run(ToolBinary(), {"/status"}, prefix.Env());
+  RunResult r = test::Run(NativeTool().binary, {"/status"}, prefix.Env());
   EXPECT_EQ(r.exitCode, 1) << r.err;
   EXPECT_EQ(r.out, kEmptyReport);
 }

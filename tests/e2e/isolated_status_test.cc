@@ -7,8 +7,8 @@
 #include <sstream>
 
 #include "platform/wstring.h"
-#include "support/fixtures.h"
-#include "support/test_support.h"
+#include "support/scene.h"
+#include "support/environment.h"
 
 namespace qv::test {
 namespace {
@@ -54,7 +54,7 @@ class IsolatedStatusTest : public ::testing::Test {
   // The roaming folder is given as a host path, which reaches the run in its
   // Windows form through the drive map; the local one in Windows form.
   RunResult Tool(const std::string& action = "/status") {
-    return test::Run(ToolBinary(), {action, "/test-appdata", prefix_.C("Test/Roaming"), "/test-localappdata", kLocal},
+    return test::Run(NativeTool().binary, {action, "/test-appdata", prefix_.C("Test/Roaming"), "/test-localappdata", kLocal},
                prefix_.Env());
   }
   std::string Production(const std::string& build) const {

@@ -6,8 +6,8 @@
 
 #include <sstream>
 
-#include "support/fixtures.h"
-#include "support/test_support.h"
+#include "support/scene.h"
+#include "support/environment.h"
 
 namespace qv::test {
 namespace {
@@ -50,11 +50,11 @@ class LiveDiscoveryTest : public ::testing::Test {
  protected:
   void SetUp() override { prefix_ = MakeFixturePrefix(dir_.path()); }
   void SetRegistry(const std::string& machineKeys, const std::string& userKeys = "") {
-    WriteFile(prefix_.root + "/system.reg",
-              SystemRegText(prefix_.sid, "\"C:\\\\users\\\\" + prefix_.userName + "\"", machineKeys));
-    WriteFile(prefix_.root + "/user.reg", UserRegText(prefix_.sid, userKeys));
+    prefix_.WriteRegistry();
+    WriteFile(prefix_.root + "/system.reg", ReadFile(prefix_.root + "/system.reg") + "\n" + machineKeys);
+    WriteFile(prefix_.root + "/user.reg", ReadFile(prefix_.root + "/user.reg") + "\n" + userKeys);
   }
-  RunResult Status() { return test::Run(ToolBinary(), {"/status"}, prefix_.Env()); }
+  RunResult Status() { return test::Run(NativeTool().binary, {"/status"}, prefix_.Env()); }
   std::string Webdeploy(const std::string& build) const {
     return prefix_.LocalHost() + "/Autodesk/webdeploy/production/" + build;
   }
@@ -106,7 +106,7 @@ TEST_F(LiveDiscoveryTest, UninstallValuesLeadToTheExecutableBesideThem) {
                                {"InstallLocation", "str(2):\"%QV_FUSION_ROOT%\\\\Fusion\""}}));
   auto env = prefix_.Env();
   env["QV_FUSION_ROOT"] = "C:\\Expanded";
-  RunResult r = test::Run(ToolBinary(), {"/status"}, env);
+  RunResult r = test::Run(NativeTool().binary, {"/status"}, env);
   ASSERT_EQ(r.err, "");
   EXPECT_EQ(ReportedPaths(r.out),
             (std::vector<std::string>{"C:\\QUOTED\\Fusion\\Fusion360.exe", "C:\\Bare\\Fusion\\Fusion360.exe",
@@ -134,14 +134,14 @@ TEST_F(LiveDiscoveryTest, RunningProcessesOfThisSessionAndAccount) {
   MakeFusionInstallation(prefix_.C("Portable/bin"));
   MakeDirs(prefix_.C("Portable/PortableData/Roaming/Autodesk/Autodesk Fusion 360/API"));
   MakeDirs(prefix_.C("Portable/PortableData/Local"));
-  AddFixtureProcess(prefix_.procRoot, 100, "C:\\Portable\\bin\\Fusion360.exe", "Fusion360.exe", uid, session);
-  AddFixtureProcess(prefix_.procRoot, 101, "C:\\Portable\\BIN\\FUSION360.EXE", "FUSION360.EXE", uid, session);
+  prefix_.AddProcess(100, "C:\\Portable\\bin\\Fusion360.exe", "Fusion360.exe", uid, session);
+  prefix_.AddProcess(101, "C:\\Portable\\BIN\\FUSION360.EXE", "FUSION360.EXE", uid, session);
   // Another session, and another account, are passed over.
   MakeFusionInstallation(prefix_.C("Elsewhere"));
-  AddFixtureProcess(prefix_.procRoot, 102, "C:\\Elsewhere\\Fusion360.exe", "Fusion360.exe", uid, session + 1);
-  AddFixtureProcess(prefix_.procRoot, 103, "C:\\Elsewhere\\Fusion360.exe", "Fusion360.exe", uid + 1, session);
+  prefix_.AddProcess(102, "C:\\Elsewhere\\Fusion360.exe", "Fusion360.exe", uid, session + 1);
+  prefix_.AddProcess(103, "C:\\Elsewhere\\Fusion360.exe", "Fusion360.exe", uid + 1, session);
   // The launcher alone makes Fusion count as running.
-  AddFixtureProcess(prefix_.procRoot, 104, "C:\\Portable\\FusionLauncher.exe", "FusionLauncher.", uid, session);
+  prefix_.AddProcess(104, "C:\\Portable\\FusionLauncher.exe", "FusionLauncher.", uid, session);
   RunResult r = Status();
   EXPECT_EQ(r.err, "");
   EXPECT_EQ(r.out, "Quorvane v0.1.8\nAutodesk Fusion installations: 1\nPath: C:\\Portable\\bin\\Fusion360.exe\n"
@@ -150,7 +150,7 @@ TEST_F(LiveDiscoveryTest, RunningProcessesOfThisSessionAndAccount) {
 
   // A running Fusion that nothing else names and that is not portable stops
   // discovery, even beside installations that are fine.
-  AddFixtureProcess(prefix_.procRoot, 105, "C:\\Elsewhere\\Fusion360.exe", "Fusion360.exe", uid, session);
+  prefix_.AddProcess(105, "C:\\Elsewhere\\Fusion360.exe", "Fusion360.exe", uid, session);
   r = Status();
   EXPECT_EQ(r.exitCode, 5);
   EXPECT_EQ(r.out, "");
@@ -172,21 +172,21 @@ TEST_F(LiveDiscoveryTest, ProcessFailuresStopDiscovery) {
   MakeFusionInstallation(prefix_.C("Good"));
   // A running Fusion without the Electronics API.
   WriteFile(prefix_.C("NoApi/Fusion360.exe"), "MZ");
-  AddFixtureProcess(prefix_.procRoot, 200, "C:\\NoApi\\Fusion360.exe", "Fusion360.exe", uid, session);
+  prefix_.AddProcess(200, "C:\\NoApi\\Fusion360.exe", "Fusion360.exe", uid, session);
   RunResult r = Status();
   EXPECT_EQ(r.exitCode, 5);
   EXPECT_EQ(r.err, "Running Fusion lacks the required Electronics API: C:\\NoApi\\Fusion360.exe\n");
   // A process of this session that cannot be opened (its status is gone),
   // even of another account.
   std::system(("rm -rf " + prefix_.procRoot + "/200").c_str());
-  AddFixtureProcess(prefix_.procRoot, 201, "C:\\Good\\Fusion360.exe", "Fusion360.exe", uid + 7, session);
+  prefix_.AddProcess(201, "C:\\Good\\Fusion360.exe", "Fusion360.exe", uid + 7, session);
   ::unlink((prefix_.procRoot + "/201/status").c_str());
   r = Status();
   EXPECT_EQ(r.exitCode, 5);
   EXPECT_EQ(r.err, "Cannot read the running Fusion path. Close Fusion normally and retry.\n");
   // A Fusion run from a network path.
   std::system(("rm -rf " + prefix_.procRoot + "/201").c_str());
-  AddFixtureProcess(prefix_.procRoot, 202, "\\\\server\\share\\Fusion\\Fusion360.exe", "Fusion360.exe", uid, session,
+  prefix_.AddProcess(202, "\\\\server\\share\\Fusion\\Fusion360.exe", "Fusion360.exe", uid, session,
                     "/nonexistent");
   r = Status();
   EXPECT_EQ(r.exitCode, 5);
@@ -196,7 +196,7 @@ TEST_F(LiveDiscoveryTest, ProcessFailuresStopDiscovery) {
   // A process table that cannot be listed.
   std::map<std::string, std::string> env = prefix_.Env();
   env["QUORVANE_PROC_ROOT"] = dir_ / "no-such-proc";
-  r = test::Run(ToolBinary(), {"/status"}, env);
+  r = test::Run(NativeTool().binary, {"/status"}, env);
   EXPECT_EQ(r.exitCode, 5);
   EXPECT_EQ(r.err, "Cannot enumerate Fusion processes.\n");
 }
@@ -209,7 +209,7 @@ TEST_F(LiveDiscoveryTest, OneExecutableFromThreeSourcesIsOneRecord) {
   MakeDirs(prefix_.C("Profiles/Saved/Autodesk/Autodesk Fusion 360/API"));
   SetRegistry(Key(Uninstall("Fusion"), {{"DisplayName", Sz("Autodesk Fusion")},
                                         {"InstallLocation", Sz("C:\\Program Files\\Autodesk\\Fusion")}}));
-  AddFixtureProcess(prefix_.procRoot, 300, "c:\\program files\\autodesk\\fusion\\fusion360.exe", "fusion360.exe", uid,
+  prefix_.AddProcess(300, "c:\\program files\\autodesk\\fusion\\fusion360.exe", "fusion360.exe", uid,
                     OwnSession());
   WriteFile(prefix_.LocalHost() + "/Quorvane/Installation.ini",
             Utf16LeWithBom(u"[Fusion]\r\nCount=1\r\nExecutable0=C:\\PROGRAM FILES\\AUTODESK\\FUSION\\FUSION360.EXE\r\n"
@@ -226,13 +226,13 @@ TEST_F(LiveDiscoveryTest, OneExecutableFromThreeSourcesIsOneRecord) {
 TEST_F(LiveDiscoveryTest, RestartNotesFollowARunningFusion) {
   MakeFusionInstallation(Webdeploy("build1"));
   MakePackage(dir_ / "package");
-  AddFixtureProcess(prefix_.procRoot, 400, "C:\\x\\FusionLauncher.exe", "FusionLauncher.", ::getuid() + 1, 12345);
-  RunResult r = test::Run(ToolBinary(), {"/install", "/package", dir_ / "package"}, prefix_.Env());
+  prefix_.AddProcess(400, "C:\\x\\FusionLauncher.exe", "FusionLauncher.", ::getuid() + 1, 12345);
+  RunResult r = test::Run(NativeTool().binary, {"/install", "/package", dir_ / "package"}, prefix_.Env());
   ASSERT_EQ(r.exitCode, 0) << r.err;
   EXPECT_NE(r.out.find("Quorvane installed/updated.\nRestart Autodesk Fusion to activate/update the Quorvane.\n"),
             std::string::npos)
       << r.out;
-  r = test::Run(ToolBinary(), {"/uninstall"}, prefix_.Env());
+  r = test::Run(NativeTool().binary, {"/uninstall"}, prefix_.Env());
   ASSERT_EQ(r.exitCode, 0) << r.err;
   EXPECT_NE(r.out.find("Quorvane uninstalled. Settings and ODB++ outputs preserved.\n"
                        "Restart Autodesk Fusion to complete removal.\n"),
@@ -240,7 +240,7 @@ TEST_F(LiveDiscoveryTest, RestartNotesFollowARunningFusion) {
       << r.out;
   // Without the launcher, no notes.
   std::system(("rm -rf " + prefix_.procRoot + "/400").c_str());
-  r = test::Run(ToolBinary(), {"/install", "/package", dir_ / "package"}, prefix_.Env());
+  r = test::Run(NativeTool().binary, {"/install", "/package", dir_ / "package"}, prefix_.Env());
   ASSERT_EQ(r.exitCode, 0) << r.err;
   EXPECT_EQ(r.out.find("Restart"), std::string::npos);
 }

@@ -11,8 +11,8 @@
 #include <future>
 #include <thread>
 
-#include "support/fixtures.h"
-#include "support/test_support.h"
+#include "support/scene.h"
+#include "support/environment.h"
 
 extern char** environ;
 
@@ -66,10 +66,10 @@ TEST(RunLock, ASecondRunWaitsThenGoesOn) {
   FixturePrefix prefix = MakeFixturePrefix(dir.path());
   Holder holder = StartHolder(prefix, 1500);
   // No arguments: the usage line at once, no lock touched.
-  RunResult usage = test::Run(ToolBinary(), {}, prefix.Env());
+  RunResult usage = test::Run(NativeTool().binary, {}, prefix.Env());
   EXPECT_EQ(usage.exitCode, 2);
   const auto start = std::chrono::steady_clock::now();
-  RunResult r = test::Run(ToolBinary(), {"/status"}, prefix.Env());
+  RunResult r = test::Run(NativeTool().binary, {"/status"}, prefix.Env());
   const auto waited = std::chrono::steady_clock::now() - start;
   EXPECT_EQ(r.exitCode, 1) << r.err;
   EXPECT_EQ(r.err, "");
@@ -83,7 +83,7 @@ TEST(RunLock, ASecondRunWaitsThenGoesOn) {
   TempDir otherDir;
   FixturePrefix other = MakeFixturePrefix(otherDir.path());
   Holder second = StartHolder(prefix, 60000);
-  RunResult elsewhere = test::Run(ToolBinary(), {"/status"}, other.Env());
+  RunResult elsewhere = test::Run(NativeTool().binary, {"/status"}, other.Env());
   EXPECT_EQ(elsewhere.exitCode, 1) << elsewhere.err;
   ::kill(second.pid, SIGKILL);
   Finish(second);
@@ -93,7 +93,7 @@ TEST(RunLock, AHolderKilledWhileARunWaitsLeavesItAbandoned) {
   TempDir dir;
   FixturePrefix prefix = MakeFixturePrefix(dir.path());
   Holder holder = StartHolder(prefix, 60000);
-  auto waiting = std::async(std::launch::async, [&] { return test::Run(ToolBinary(), {"/status"}, prefix.Env()); });
+  auto waiting = std::async(std::launch::async, [&] { return test::Run(NativeTool().binary, {"/status"}, prefix.Env()); });
   // Give the run time to start waiting, then kill the holder.
   std::this_thread::sleep_for(std::chrono::milliseconds(1500));
   ::kill(holder.pid, SIGKILL);
@@ -103,7 +103,7 @@ TEST(RunLock, AHolderKilledWhileARunWaitsLeavesItAbandoned) {
   EXPECT_EQ(r.err, "Another Quorvane Setup is active or was interrupted. Check its result and retry.\n");
   EXPECT_EQ(r.out, "");
   // A run started afterwards, with no holder left, finds the lock free.
-  RunResult after = test::Run(ToolBinary(), {"/status"}, prefix.Env());
+  RunResult after = test::Run(NativeTool().binary, {"/status"}, prefix.Env());
   EXPECT_EQ(after.exitCode, 1) << after.err;
 }
 

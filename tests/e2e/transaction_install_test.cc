@@ -4,7 +4,7 @@
 
 #include <filesystem>
 
-#include "support/profile_scene.h"
+#include "support/scene.h"
 
 namespace qv::test {
 namespace {
@@ -33,7 +33,7 @@ TEST(TransactionInstall, UpdateOfThreeProfilesKeepsBackupsAndMergesTheInventory)
   EXPECT_EQ(r.out, expectedOut + "Quorvane installed/updated.\n");
   // The current installations replace the saved records of the same
   // executables; the default one comes first, as discovery listed it.
-  EXPECT_EQ(ReadFile(scene.InventoryFolder() + "/Installation.ini"),
+  EXPECT_EQ(ReadFile((scene.local + "/Quorvane") + "/Installation.ini"),
             InventoryBytes({{scene.Win(scene.executables[0]), scene.Win(scene.profiles[0])},
                             {scene.Win(scene.executables[1]), scene.Win(scene.profiles[1])},
                             {scene.Win(scene.executables[2]), scene.Win(scene.profiles[2])}}));

@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <functional>
 
-#include "support/profile_scene.h"
+#include "support/scene.h"
 
 namespace qv::test {
 namespace {
@@ -130,8 +130,8 @@ TEST(TransactionRefusal, LinksOnTheWayToTheInventory) {
         action,
         [](const ProfileScene& scene) {
           const std::string real = scene.prefix.C("RealRecord");
-          ::rename(scene.InventoryFolder().c_str(), real.c_str());
-          MakeSymlink(real, scene.InventoryFolder());
+          ::rename((scene.local + "/Quorvane").c_str(), real.c_str());
+          MakeSymlink(real, (scene.local + "/Quorvane"));
         },
         kUnsafeRecord, 0);
     // The inventory file itself is a link.

@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "support/call_log.h"
-#include "support/profile_scene.h"
+#include "support/scene.h"
+#include "support/scene.h"
 
 namespace qv::test {
 namespace {

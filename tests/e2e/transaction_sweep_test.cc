@@ -12,8 +12,8 @@
 #include <regex>
 #include <set>
 
-#include "support/call_log.h"
-#include "support/profile_scene.h"
+#include "support/scene.h"
+#include "support/scene.h"
 
 namespace qv::test {
 namespace {

@@ -8,7 +8,7 @@
 
 #include "inventory/inventory.h"
 #include "paths/failure.h"
-#include "support/prefix_case.h"
+#include "support/scene.h"
 
 namespace qv {
 namespace {

@@ -16,7 +16,7 @@
 #include "paths/directory_walk.h"
 #include "paths/failure.h"
 #include "platform/platform.h"
-#include "support/test_support.h"
+#include "support/environment.h"
 
 namespace qv {
 namespace {

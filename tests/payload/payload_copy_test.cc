@@ -13,7 +13,7 @@
 #include "paths/failure.h"
 #include "payload/payload.h"
 #include "platform/platform.h"
-#include "support/prefix_case.h"
+#include "support/scene.h"
 
 namespace qv {
 namespace {

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "payload/payload.h"
-#include "support/prefix_case.h"
+#include "support/scene.h"
 
 namespace qv {
 namespace {

@@ -12,9 +12,9 @@
 #include <functional>
 
 #include "paths/path_rules.h"
-#include "support/fixtures.h"
-#include "support/test_support.h"
-#include "support/tree_snapshot.h"
+#include "support/scene.h"
+#include "support/environment.h"
+#include "support/scene.h"
 #include "transaction/transaction.h"
 #include "transaction/transaction_steps.h"
 

@@ -5,8 +5,8 @@
 
 #include <regex>
 
-#include "support/fixtures.h"
-#include "support/tree_snapshot.h"
+#include "support/scene.h"
+#include "support/scene.h"
 #include "wine/wine_support.h"
 
 namespace qv::test {
@@ -33,7 +33,7 @@ Outcome RunWindows(const std::string& prefix, const std::vector<std::string>& ar
 }
 
 Outcome RunNative(const std::string& prefix, const std::vector<std::string>& args) {
-  RunResult r = test::Run(ToolBinary(), args, {{"WINEPREFIX", prefix}, {"QUORVANE_PROC_ROOT", "/proc"}});
+  RunResult r = test::Run(NativeTool().binary, args, {{"WINEPREFIX", prefix}, {"QUORVANE_PROC_ROOT", "/proc"}});
   return {r.exitCode, Normalise(r.out), Normalise(r.err)};
 }
 

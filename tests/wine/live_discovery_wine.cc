@@ -10,7 +10,7 @@
 #include <chrono>
 #include <thread>
 
-#include "support/fixtures.h"
+#include "support/scene.h"
 #include "wine/wine_support.h"
 
 extern char** environ;
@@ -65,7 +65,7 @@ TEST(WinePrefix, RegistryAndRunningFusionAreBothFound) {
   }
   ASSERT_TRUE(ProcessNamed("Fusion360.exe")) << "the Wine process did not come up";
 
-  RunResult status = test::Run(ToolBinary(), {"/status"}, {{"WINEPREFIX", prefix}, {"QUORVANE_PROC_ROOT", "/proc"}});
+  RunResult status = test::Run(NativeTool().binary, {"/status"}, {{"WINEPREFIX", prefix}, {"QUORVANE_PROC_ROOT", "/proc"}});
   test::Run("/usr/lib/wine/wineserver", {"-k"}, {{"WINEPREFIX", prefix}});
   ::kill(pid, SIGKILL);
   ::waitpid(pid, nullptr, 0);

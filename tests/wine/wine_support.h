@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "support/test_support.h"
+#include "support/environment.h"
 
 namespace qv::test {
 

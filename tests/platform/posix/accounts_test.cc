@@ -8,7 +8,7 @@
 #include <string>
 
 #include "platform/platform.h"
-#include "support/test_support.h"
+#include "support/environment.h"
 
 namespace qv::platform {
 namespace {

@@ -8,8 +8,8 @@
 
 #include "platform/platform.h"
 #include "platform/posix/host.h"
-#include "support/drive_c_prefix.h"
-#include "support/test_support.h"
+#include "support/scene.h"
+#include "support/environment.h"
 
 namespace qv::platform {
 namespace {
@@ -22,18 +22,20 @@ using test::TempDir;
 using test::WriteFile;
 
 // A prefix whose C: is drive_c and whose Z: is not mapped (so "/").
-using PrefixTest = test::DriveCPrefixTest;
+struct PrefixTest : test::PrefixCase {
+  std::string C(const std::string& relative) const { return prefix_.C(relative); }
+};
 
 TEST_F(PrefixTest, DriveMapAndCaseInsensitiveLookup) {
-  MakeDirs(C("users/Root/AppData"));
+  MakeDirs(C("homes/Root/AppData"));
   std::string host;
   std::uint32_t error = 0;
-  ASSERT_TRUE(posix::ToHostPath(u"C:\\USERS\\root\\appdata", host, error));
-  EXPECT_EQ(host, C("users/Root/AppData"));
+  ASSERT_TRUE(posix::ToHostPath(u"C:\\HOMES\\root\\appdata", host, error));
+  EXPECT_EQ(host, C("homes/Root/AppData"));
   // Components that do not exist keep their text; the existing part still
   // resolves without regard to case.
-  ASSERT_TRUE(posix::ToHostPath(u"c:/Users/ROOT/New/Deeper", host, error));
-  EXPECT_EQ(host, C("users/Root/New/Deeper"));
+  ASSERT_TRUE(posix::ToHostPath(u"c:/Homes/ROOT/New/Deeper", host, error));
+  EXPECT_EQ(host, C("homes/Root/New/Deeper"));
   // Z: is the host's root when the prefix does not map it.
   ASSERT_TRUE(posix::ToHostPath(u"Z:\\tmp", host, error));
   EXPECT_EQ(host, "/tmp");
@@ -49,15 +51,15 @@ TEST_F(PrefixTest, DriveMapAndCaseInsensitiveLookup) {
   EXPECT_EQ(windows, u"C:\\users\\Root");
   ASSERT_TRUE(posix::ToWindowsPath("/usr/lib", windows));
   EXPECT_EQ(windows, u"Z:\\usr\\lib");
-  ASSERT_TRUE(posix::ToWindowsPath(dir_ / "prefix/./drive_c/../drive_c", windows));
+  ASSERT_TRUE(posix::ToWindowsPath(temp_ / "prefix/./drive_c/../drive_c", windows));
   EXPECT_EQ(windows, u"C:\\");
 }
 
 TEST_F(PrefixTest, DanglingDriveLinkAndMissingPrefix) {
-  MakeSymlink("/nonexistent/elsewhere", dir_ / "prefix/dosdevices/e:");
+  MakeSymlink("/nonexistent/elsewhere", temp_ / "prefix/dosdevices/e:");
   EXPECT_EQ(GetFileAttributesW(u"E:\\"), kInvalidFileAttributes);
   EXPECT_EQ(GetFileAttributesW(u"E:\\x"), kInvalidFileAttributes);
-  ::setenv("WINEPREFIX", (dir_ / "no-such-prefix").c_str(), 1);
+  ::setenv("WINEPREFIX", (temp_ / "no-such-prefix").c_str(), 1);
   std::string host;
   std::uint32_t error = 0;
   EXPECT_FALSE(posix::ToHostPath(u"C:\\users", host, error));

@@ -13,8 +13,8 @@
 
 #include "platform/platform.h"
 #include "platform/posix/host.h"
-#include "support/drive_c_prefix.h"
-#include "support/test_support.h"
+#include "support/scene.h"
+#include "support/environment.h"
 
 namespace qv::platform {
 namespace {
@@ -24,8 +24,9 @@ using test::MakeSymlink;
 using test::TempDir;
 using test::WriteFile;
 
-class HostLookupTest : public test::DriveCPrefixTest {
+class HostLookupTest : public test::PrefixCase {
  protected:
+  std::string C(const std::string& relative) const { return prefix_.C(relative); }
 
   // The host path of a Windows path, or "" when it has none.
   static std::string Host(const WString& windows) {

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "platform/platform.h"
-#include "support/test_support.h"
+#include "support/environment.h"
 
 namespace qv::platform {
 namespace {

@@ -13,7 +13,7 @@
 #include "platform/platform.h"
 #include "platform/posix/host.h"
 #include "support/profile_answers.h"
-#include "support/test_support.h"
+#include "support/environment.h"
 
 namespace qv::platform {
 namespace {

@@ -10,7 +10,7 @@
 
 #include "platform/platform.h"
 #include "platform/posix/host.h"
-#include "support/test_support.h"
+#include "support/environment.h"
 
 namespace qv::platform {
 namespace {

@@ -1,5 +1,5 @@
-// Writer of Wine-format registry files for test fixtures.
-#include "support/reg_file.h"
+// Writer of registry files in Wine's text format.
+#include "support/prefix.h"
 
 #include <cstdio>
 
@@ -52,49 +52,6 @@ void AppendHex(std::string& out, std::size_t column, const std::vector<std::uint
   }
 }
 
-}  // namespace
-
-std::vector<std::uint8_t> Utf16LeBytes(const std::u16string& text, bool terminate) {
-  std::vector<std::uint8_t> bytes;
-  for (char16_t c : text) {
-    bytes.push_back(static_cast<std::uint8_t>(c & 0xFF));
-    bytes.push_back(static_cast<std::uint8_t>(c >> 8));
-  }
-  if (terminate) bytes.insert(bytes.end(), {0, 0});
-  return bytes;
-}
-
-RegFileValue SzValue(const std::u16string& name, const std::u16string& text) {
-  return {name, 1, Utf16LeBytes(text), false};
-}
-
-RegFileValue ExpandSzValue(const std::u16string& name, const std::u16string& text, bool hexForm) {
-  return {name, 2, Utf16LeBytes(text), hexForm};
-}
-
-RegFileValue MultiSzValue(const std::u16string& name, const std::vector<std::u16string>& strings) {
-  std::u16string joined;
-  for (const auto& s : strings) joined += s + u'\0';
-  return {name, 7, Utf16LeBytes(joined), false};
-}
-
-RegFileValue DwordValue(const std::u16string& name, std::uint32_t value) {
-  return {name, 4, {static_cast<std::uint8_t>(value), static_cast<std::uint8_t>(value >> 8),
-                    static_cast<std::uint8_t>(value >> 16), static_cast<std::uint8_t>(value >> 24)}, false};
-}
-
-RegFileValue BinaryValue(const std::u16string& name, const std::vector<std::uint8_t>& bytes) {
-  return {name, 3, bytes, false};
-}
-
-RegFileValue TypedValue(const std::u16string& name, std::uint32_t type, const std::vector<std::uint8_t>& bytes) {
-  return {name, type, bytes, true};
-}
-
-RegFileValue LinkValue(const std::u16string& target) {
-  return {u"SymbolicLinkValue", 6, Utf16LeBytes(target, false), true};
-}
-
 std::string EscapeRegString(const std::u16string& text, const std::string& special) {
   static const char kEscapes[] = ".......abtnvfr.............e....";
   std::string out;
@@ -118,6 +75,33 @@ std::string EscapeRegString(const std::u16string& text, const std::string& speci
     }
   }
   return out;
+}
+
+}  // namespace
+
+RegFileValue SzValue(const std::u16string& name, const std::u16string& text) {
+  return {name, 1, Utf16LeBytes(text), false};
+}
+
+RegFileValue ExpandSzValue(const std::u16string& name, const std::u16string& text, bool hexForm) {
+  return {name, 2, Utf16LeBytes(text), hexForm};
+}
+
+RegFileValue DwordValue(const std::u16string& name, std::uint32_t value) {
+  return {name, 4, {static_cast<std::uint8_t>(value), static_cast<std::uint8_t>(value >> 8),
+                    static_cast<std::uint8_t>(value >> 16), static_cast<std::uint8_t>(value >> 24)}, false};
+}
+
+RegFileValue BinaryValue(const std::u16string& name, const std::vector<std::uint8_t>& bytes) {
+  return {name, 3, bytes, false};
+}
+
+RegFileValue TypedValue(const std::u16string& name, std::uint32_t type, const std::vector<std::uint8_t>& bytes) {
+  return {name, type, bytes, true};
+}
+
+RegFileValue LinkValue(const std::u16string& target) {
+  return {u"SymbolicLinkValue", 6, Utf16LeBytes(target, false), true};
 }
 
 std::string WineRegText(const std::vector<RegFileKey>& keys, const std::u16string& relativeTo) {

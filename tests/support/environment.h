@@ -1,0 +1,101 @@
+// The test's own surroundings: temporary folders, environment variables,
+// files written byte for byte, UTF-16 text, and other processes (programs
+// run to their end, code run in a forked child, programs left running in
+// the background).
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace qv::test {
+
+// A fresh folder below $TMPDIR (or /tmp), removed with everything in it when
+// the object goes (unless QUORVANE_KEEP_TEMP is set).
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& path() const { return path_; }
+  std::string operator/(const std::string& relative) const { return path_ + "/" + relative; }
+
+ private:
+  std::string path_;
+};
+
+// Sets (or, with nullopt, removes) an environment variable and puts back
+// what was there when the object goes.
+class ScopedEnv {
+ public:
+  ScopedEnv(std::string name, const std::optional<std::string>& value);
+  ~ScopedEnv();
+  ScopedEnv(const ScopedEnv&) = delete;
+  ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+ private:
+  std::string name_;
+  std::optional<std::string> saved_;
+};
+
+// Writes bytes to a host file, making missing parent folders.
+void WriteFile(const std::string& path, const std::string& bytes);
+std::string ReadFile(const std::string& path);
+void MakeDirs(const std::string& path);
+void MakeSymlink(const std::string& target, const std::string& linkPath);
+bool Exists(const std::string& path);  // lstat: a dangling link exists
+
+// UTF-16LE bytes: with a BOM, as the Windows tools write text files; and as
+// a registry value holds them, with the terminating NUL unless told not to.
+std::string Utf16LeWithBom(const std::u16string& text);
+std::vector<std::uint8_t> Utf16LeBytes(const std::u16string& text, bool terminate = true);
+
+struct RunResult {
+  int exitCode = -1;  // -1 when killed by a signal or timed out
+  int signal = 0;
+  bool timedOut = false;
+  std::string out;
+  std::string err;
+};
+
+// Environment changes for a child: entries replace or add variables of the
+// current environment; an entry with an empty value removes the variable.
+using EnvChanges = std::map<std::string, std::string>;
+
+// Runs a program to its end with standard input from /dev/null, capturing
+// both outputs. Output is read until the process ends, not until end of
+// file: a background program it started (Wine's) may hold the pipes open.
+// A run past `timeoutMs` is killed and reported as timed out.
+RunResult Run(const std::string& program, const std::vector<std::string>& args, const EnvChanges& env = {},
+              const std::string& workingDirectory = "", int timeoutMs = 120000);
+
+// Runs `body` in a forked child and captures what it writes; the child ends
+// with body's result and no clean-up. `withoutRootPowers`: root gives up its
+// powers in the child and runs as nobody, so that folder modes apply.
+RunResult RunInChild(const std::function<int()>& body, bool withoutRootPowers = false);
+
+// A program left running, its standard output a pipe the test reads from.
+// A test that fails early still kills and reaps it.
+struct Background {
+  Background() = default;
+  Background(Background&& other) noexcept;
+  Background& operator=(Background&&) = delete;
+  ~Background() { Finish(9); }
+  pid_t pid = -1;
+  int out = -1;
+  // Reads until `text` has arrived (or the pipe ends, or the time is up).
+  bool WaitForOutput(const std::string& text, int timeoutMs = 30000);
+  // Waits for the end (killing it first with `signal` when not 0); the
+  // raw wait status.
+  int Finish(int signal = 0);
+  std::string seen;
+};
+Background Spawn(const std::string& program, const std::vector<std::string>& args, const EnvChanges& env = {});
+
+}  // namespace qv::test

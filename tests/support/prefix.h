@@ -1,0 +1,136 @@
+// A Windows machine as the Linux host sees it: a Wine prefix made as plain
+// folders, with its drive map, registry files in Wine's format, the
+// account's folders, a saved inventory and a fake process table.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/wstring.h"
+#include "support/environment.h"
+
+namespace qv::test {
+
+// --- Registry files in Wine's text format -------------------------------
+// The shape Wine's server saves (headers with a time, "#time=", escaped
+// names and strings, wrapped hex), so the reader is tested against what
+// Wine writes.
+
+struct RegFileValue {
+  std::u16string name;  // empty: the default value, written "@="
+  std::uint32_t type = 1;
+  std::vector<std::uint8_t> data;
+  // Strings as hex(N): bytes instead of str(N):"...", as exported .reg files
+  // have them.
+  bool hexForm = false;
+};
+
+struct RegFileKey {
+  std::u16string path;  // relative to the file's root, single backslashes
+  std::vector<RegFileValue> values;
+  bool link = false;    // "#link": the key's target is its SymbolicLinkValue
+};
+
+RegFileValue SzValue(const std::u16string& name, const std::u16string& text);
+RegFileValue ExpandSzValue(const std::u16string& name, const std::u16string& text, bool hexForm = false);
+RegFileValue DwordValue(const std::u16string& name, std::uint32_t value);
+RegFileValue BinaryValue(const std::u16string& name, const std::vector<std::uint8_t>& bytes);
+RegFileValue TypedValue(const std::u16string& name, std::uint32_t type, const std::vector<std::uint8_t>& bytes);
+// A link key's value: the target as "\Registry\Machine\..." (type 6, no NUL).
+RegFileValue LinkValue(const std::u16string& target);
+
+// The whole file: "WINE REGISTRY Version 2", the ";; All keys relative to"
+// line naming `relativeTo` (unescaped, e.g. "REGISTRY\\Machine"), "#arch=win64",
+// then each key in the order given.
+std::string WineRegText(const std::vector<RegFileKey>& keys, const std::u16string& relativeTo);
+std::string SystemRegFile(const std::vector<RegFileKey>& keys);
+std::string UserRegFile(const std::vector<RegFileKey>& keys, const std::u16string& sid = u"S-1-5-21-0-0-0-1000");
+
+// --- The prefix ------------------------------------------------------------
+
+struct FixturePrefix {
+  std::string root;      // the prefix folder ($WINEPREFIX)
+  std::string procRoot;  // $QUORVANE_PROC_ROOT: an empty process table unless filled
+  std::string userName;  // the account's name in the prefix
+  std::string sid;
+
+  // drive_c/<relative>
+  std::string C(const std::string& relative = "") const { return root + "/drive_c/" + relative; }
+  std::string RoamingHost() const { return C("users/" + userName + "/AppData/Roaming"); }
+  std::string LocalHost() const { return C("users/" + userName + "/AppData/Local"); }
+  std::string RoamingWin() const { return "C:\\users\\" + userName + "\\AppData\\Roaming"; }
+  std::string LocalWin() const { return "C:\\users\\" + userName + "\\AppData\\Local"; }
+
+  // Environment for a run of the tool against this prefix.
+  EnvChanges Env() const { return {{"WINEPREFIX", root}, {"QUORVANE_PROC_ROOT", procRoot}}; }
+
+  // Writes system.reg (the account's ProfileList entry, unless
+  // `profileList` is false, then `machineKeys`) and user.reg (`userKeys`).
+  void WriteRegistry(const std::vector<RegFileKey>& machineKeys = {}, const std::vector<RegFileKey>& userKeys = {},
+                     bool profileList = true) const;
+
+  // A process of a fixture table: `argv0` as Wine puts a Windows path there
+  // (empty for none), `comm` the kernel's name, owner and login session.
+  void AddProcess(int pid, const std::string& argv0, const std::string& comm, unsigned uid,
+                  unsigned long session, const std::string& exeLink = "") const;
+};
+
+// A prefix in `folder`: C: mapped to drive_c, Z: to /, the registry of
+// WriteRegistry(), both AppData folders of the account, an empty process
+// table.
+FixturePrefix MakeFixturePrefix(const std::string& folder, bool profileList = true);
+
+// "C:\<relative>", the relative part written with "/".
+WString WinPath(const std::string& relative);
+
+// A saved inventory as the tool writes it: UTF-16LE with its byte order
+// mark, every line ended by CR LF; lines given in UTF-8. InventoryBytes
+// writes the file for (executable, appData) records, Windows paths as given.
+std::string InventoryText(const std::vector<std::string>& lines);
+std::string InventoryBytes(const std::vector<std::pair<std::string, std::string>>& records);
+
+// A test on a fixture prefix of its own: WINEPREFIX points at it for the
+// life of the test, and is put back afterwards.
+class PrefixCase : public ::testing::Test {
+ protected:
+  PrefixCase();
+
+  // Host path of "C:\<relative>".
+  std::string Host(const std::string& relative) const { return prefix_.C(relative); }
+  static WString Win(const std::string& relative) { return WinPath(relative); }
+
+  TempDir temp_;
+  FixturePrefix prefix_;
+
+ private:
+  ScopedEnv winePrefix_;
+};
+
+// The statement of a death test in the "threadsafe" style, which starts the
+// test binary afresh: sets QUORVANE_FAULTS to `faults` before the child's
+// first platform call, makes a fixture prefix in a temporary folder, runs
+// `body` on it and ends the child with body's result once the folder is
+// gone. The fault rules are read once per process, hence the fresh process.
+//
+//   test::FreshProcessDeathTests fresh;
+//   EXPECT_EXIT(RunWithFaults("MoveFileExW@1=5", body), ::testing::ExitedWithCode(0), "");
+[[noreturn]] void RunWithFaults(const std::string& faults, const std::function<int(const FixturePrefix&)>& body);
+
+// Makes the death tests of a scope start the test binary afresh.
+class FreshProcessDeathTests {
+ public:
+  FreshProcessDeathTests() : saved_(GTEST_FLAG_GET(death_test_style)) { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+  ~FreshProcessDeathTests() { GTEST_FLAG_SET(death_test_style, saved_); }
+  FreshProcessDeathTests(const FreshProcessDeathTests&) = delete;
+  FreshProcessDeathTests& operator=(const FreshProcessDeathTests&) = delete;
+
+ private:
+  std::string saved_;
+};
+
+}  // namespace qv::test
