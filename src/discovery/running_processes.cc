@@ -7,15 +7,6 @@ namespace {
 
 constexpr std::uint32_t kImageBufferCharacters = 32768;
 
-bool TokenUserSid(platform::Handle process, platform::Sid& sid) {
-  platform::Handle token = platform::kNullHandle;
-  if (!platform::OpenProcessToken(process, platform::kTokenQuery, token)) return false;
-  platform::ScopedHandle tokenHandle(token);
-  const std::uint32_t size = platform::GetTokenUserSize(token);
-  if (size == 0) return false;
-  return platform::GetTokenUser(token, size, sid);
-}
-
 }  // namespace
 
 bool IsOffDrivePath(const WString& path) {
