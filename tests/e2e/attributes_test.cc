@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "support/profile_scene.h"
+#include "support/scene.h"
 
 namespace qv::test {
 namespace {

@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "support/fixtures.h"
-#include "support/test_support.h"
+#include "support/scene.h"
+#include "support/environment.h"
 
 namespace qv::test {
 namespace {
@@ -34,7 +34,7 @@ TEST(DiscoveryOrder, ARunningFusionOffTheDrivesHidesNoEarlierFailure) {
     WriteFile(prefix.C("NoApi/Fusion360.exe"), "MZ");
     int pid = 500;
     for (const std::string process : row.processes) {
-      AddFixtureProcess(prefix.procRoot, pid, process, "Fusion360.exe", ::getuid(), session, "/nonexistent");
+      prefix.AddProcess(pid, process, "Fusion360.exe", ::getuid(), session, "/nonexistent");
       // A process whose status has gone cannot be opened.
       if (process == kUnreadable) ::unlink((prefix.procRoot + "/" + std::to_string(pid) + "/status").c_str());
       ++pid;
@@ -42,7 +42,7 @@ TEST(DiscoveryOrder, ARunningFusionOffTheDrivesHidesNoEarlierFailure) {
     if (row.malformedInventory) {
       WriteFile(prefix.LocalHost() + "/Quorvane/Installation.ini", Utf16LeWithBom(u"[Fusion]\r\nCount=x\r\n"));
     }
-    RunResult r = test::Run(ToolBinary(), {"/status"}, prefix.Env());
+    RunResult r = test::Run(NativeTool().binary, {"/status"}, prefix.Env());
     EXPECT_EQ(r.exitCode, 5) << row.error;
     EXPECT_EQ(r.err, row.error);
     EXPECT_EQ(r.out, "");

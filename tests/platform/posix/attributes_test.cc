@@ -9,13 +9,15 @@
 
 #include "platform/platform.h"
 #include "platform/posix/host.h"
-#include "support/drive_c_prefix.h"
-#include "support/test_support.h"
+#include "support/prefix.h"
+#include "support/environment.h"
 
 namespace qv::platform {
 namespace {
 
-using AttributesTest = test::DriveCPrefixTest;
+struct AttributesTest : test::PrefixCase {
+  std::string C(const std::string& relative) const { return prefix_.C(relative); }
+};
 
 // A CreateFileW that is closed at once; whether it opened.
 bool Opens(const WString& path, std::uint32_t access, std::uint32_t disposition) {

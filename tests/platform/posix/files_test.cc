@@ -154,25 +154,6 @@ TEST_F(PrefixTest, MoveKeepsWindowsOutcomes) {
   EXPECT_FALSE(Exists(C("f1")));
 }
 
-TEST_F(PrefixTest, MoveAcrossFileSystemsCopiesThenDeletes) {
-  struct stat a, b;
-  if (::stat("/dev/shm", &b) != 0 || ::stat(C("").c_str(), &a) != 0 || a.st_dev == b.st_dev) {
-    GTEST_SKIP() << "no second file system at /dev/shm to move across";
-  }
-  TempDir other;  // may be on the same device as the prefix: use /dev/shm below
-  std::string shm = "/dev/shm/quorvane-move-" + std::to_string(::getpid());
-  MakeDirs(C("tree/sub"));
-  WriteFile(C("tree/sub/f"), "payload");
-  WString target;
-  ASSERT_TRUE(posix::ToWindowsPath(shm, target));
-  EXPECT_FALSE(MoveFileExW(u"C:\\tree", target, kMoveFileReplaceExisting));
-  EXPECT_EQ(GetLastError(), kErrorNotSameDevice);
-  ASSERT_TRUE(MoveFileExW(u"C:\\tree", target, kMoveFileReplaceExisting | kMoveFileCopyAllowed));
-  EXPECT_EQ(ReadFile(shm + "/sub/f"), "payload");
-  EXPECT_FALSE(Exists(C("tree")));
-  std::system(("rm -rf " + shm).c_str());
-}
-
 TEST_F(PrefixTest, CopyCreateWriteDelete) {
   WriteFile(C("src"), std::string(200000, 'q'));
   ::chmod(C("src").c_str(), 0750);
