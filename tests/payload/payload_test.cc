@@ -1,0 +1,224 @@
+// Building and judging add-ins on a fixture prefix: the payload copy, the
+// preparation from a package, the health test and the uninstall targets.
+#include "payload/payload.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+
+#include "paths/failure.h"
+#include "support/scene.h"
+
+namespace qv::test {
+namespace {
+
+using PayloadTest = PrefixCase;
+
+TEST_F(PayloadTest, AnAddInIsCompleteWithItsSevenRegularFiles) {
+  EXPECT_FALSE(IsAddInHealthy(Win("nowhere")));
+  MakeInstalledAddIn(Host("addIn"));
+  WriteFile(Host("addIn/extra.txt"), "x");
+  std::vector<std::string> files = kAddInFiles;
+  files.push_back("Bin/Quorvane_Helper.exe");
+  for (const std::string& name : files) {
+    const std::string path = Host("addIn/" + name);
+    std::filesystem::rename(path, path + ".away");
+    EXPECT_FALSE(IsAddInHealthy(Win("addIn"))) << name;
+    MakeDirs(path);
+    EXPECT_FALSE(IsAddInHealthy(Win("addIn"))) << name;
+    std::filesystem::remove(path);
+    std::filesystem::rename(path + ".away", path);
+  }
+  std::filesystem::rename(Host("addIn/save_policy.py"), Host("addIn/SAVE_POLICY.PY"));
+  std::filesystem::rename(Host("addIn/Bin"), Host("addIn/bin"));
+  EXPECT_TRUE(IsAddInHealthy(Win("addIn/")));
+}
+
+TEST_F(PayloadTest, CopyLaysTheTreeOverTheTargetAndFollowsLinksWithoutEnteringThem) {
+  WriteFile(Host("src/a.py"), "new a");
+  WriteFile(Host("src/sub/b.py"), "new b");
+  MakeDirs(Host("src/sub/empty"));
+  WriteFile(Host("elsewhere/folder/inside.txt"), "not to be copied");
+  WriteFile(Host("elsewhere/file.txt"), "linked");
+  MakeSymlink(Host("elsewhere/folder"), Host("src/toFolder"));
+  MakeSymlink(Host("elsewhere/file.txt"), Host("src/toFile.txt"));
+  MakeSymlink(Host("elsewhere/nothing"), Host("src/dangling"));
+  WriteFile(Host("dst/a.py"), "old a, longer than the new one");
+  WriteFile(Host("dst/keep.txt"), "kept");
+  WriteFile(Host("dst/sub/c.py"), "old c");
+  const TreeSnapshot expected = {{".", "<dir>"},         {"a.py", "new a"},       {"keep.txt", "kept"},
+                                 {"sub", "<dir>"},       {"sub/b.py", "new b"},   {"sub/c.py", "old c"},
+                                 {"sub/empty", "<dir>"}, {"toFile.txt", "linked"}, {"toFolder", "<dir>"}};
+  for (int pass = 0; pass < 2; ++pass) {  // the second finds everything in place
+    WString error = u"untouched";
+    ASSERT_TRUE(CopyAddInPayload(Win("src"), Win("dst"), error));
+    EXPECT_EQ(error, u"untouched");
+    EXPECT_EQ(SnapshotTree(Host("dst")), expected);
+  }
+
+  // What stops the copy, with nothing made or overwritten.
+  WriteFile(Host("file"), "x");
+  WriteFile(Host("dst2/sub"), "a file where the source has a folder");
+  MakeDirs(Host("src2/sub"));
+  const TreeSnapshot drive = SnapshotTree(Host(""));
+  const struct {
+    std::string source, target;
+    WString error;
+  } rows[] = {
+      {"missing", "out/prepared", u"Package AddIn folder is missing: C:\\missing"},
+      {"file", "out/prepared", u"Package AddIn folder is missing: C:\\file"},
+      {"src2", "file", u"Cannot create Add-In directory. Error 183"},
+      {"src2", "dst2", u"Cannot copy Add-In payload. Error 183"},
+  };
+  for (const auto& row : rows) {
+    WString error;
+    EXPECT_FALSE(CopyAddInPayload(Win(row.source), Win(row.target), error)) << row.source;
+    EXPECT_EQ(error, row.error);
+  }
+  EXPECT_EQ(SnapshotTree(Host("")), drive);
+}
+
+TEST_F(PayloadTest, AFolderThatCannotBeListedEndsTheCopyWithItsCode) {
+  WriteFile(Host("src/closed/secret.txt"), "s");
+  ::chmod(Host("src/closed").c_str(), 0000);
+  ::chmod(temp_.path().c_str(), 0755);
+  MakeDirs(Host("dst"));
+  ::chmod(Host("dst").c_str(), 0777);
+  const RunResult r = RunInChild(
+      [&] {
+        WString error;
+        if (CopyAddInPayload(Win("src"), Win("dst/prepared"), error)) return 1;
+        std::printf("%s\n", WideToUtf8(error).c_str());
+        // The folder itself came before its listing failed.
+        return std::filesystem::is_directory(Host("dst/prepared/closed")) ? 0 : 2;
+      },
+      /*withoutRootPowers=*/true);
+  EXPECT_EQ(r.exitCode, 0);
+  EXPECT_EQ(r.out, "Cannot copy Add-In payload. Error 5\n");
+}
+
+TEST_F(PayloadTest, PreparationLaysThePackageHelperAndStateFileOverThePreparedFolder) {
+  MakePackage(Host("pkg"));
+  WriteFile(Host("pkg/AddIn/install-state.ini"), "from the package");
+  WriteFile(Host("pkg/Bin/Other.dll"), "not taken");
+  MakeInstalledAddIn(Host("prepared"), "old");
+  WriteFile(Host("prepared/install-state.ini"), std::string(200, 'x'));
+  WriteFile(Host("prepared/old_only.py"), "carried over");
+  const TreeSnapshot old = SnapshotTree(Host("prepared"));
+  WString error = u"untouched";
+  ASSERT_TRUE(PrepareAddIn(Win("pkg"), Win("prepared"), error));
+  EXPECT_EQ(error, u"untouched");
+  EXPECT_EQ(SnapshotTree(Host("prepared")), UpdatedAddIn(old));
+
+  const auto expectFailure = [&](const std::string& target, const WString& expected) {
+    error = u"untouched";
+    EXPECT_FALSE(PrepareAddIn(Win("pkg2"), Win(target), error)) << target;
+    EXPECT_EQ(error, expected) << target;
+  };
+  MakeDirs(Host("pkg2"));
+  expectFailure("t1", u"Package AddIn folder is missing: C:\\pkg2\\AddIn");
+  EXPECT_FALSE(Exists(Host("t1")));
+  // A helper in AddIn\Bin travels with the payload but is not the package's.
+  WriteFile(Host("pkg2/AddIn/Bin/Quorvane_Helper.exe"), "misplaced");
+  expectFailure("t2", u"Package helper is missing: C:\\pkg2\\Bin\\Quorvane_Helper.exe");
+  MakeDirs(Host("pkg2/Bin/Quorvane_Helper.exe"));
+  expectFailure("t2", u"Package helper is missing: C:\\pkg2\\Bin\\Quorvane_Helper.exe");
+  std::filesystem::remove_all(Host("pkg2"));
+  MakePackage(Host("pkg2"));
+  // A file named Bin: its creation is not reported, the copy into it is.
+  WriteFile(Host("t3/Bin"), "file");
+  expectFailure("t3", u"Cannot install helper. Error 3");
+  // A state file that cannot be opened fails without words.
+  MakeDirs(Host("t4/install-state.ini"));
+  expectFailure("t4", u"untouched");
+}
+
+TEST_F(PayloadTest, UninstallTakesEachProfileThatHoldsTheManifestOnce) {
+  const std::string addIn = "/Autodesk/Autodesk Fusion 360/API/AddIns/KELDARO_Quorvane";
+  for (const std::string profile : {"roaming", "profileB", "profileC"}) MakeInstalledAddIn(Host(profile + addIn));
+  MakeDirs(Host("noManifest" + addIn));
+  MakeDirs(Host("folderManifest" + addIn + "/KELDARO_Quorvane.manifest"));
+  WriteFile(Host("local/Quorvane/Installation.ini"),
+            InventoryBytes({{"C:\\gone\\Fusion360.exe", "C:\\vanished"}, {"C:\\b1\\Fusion360.exe", "C:\\profileB"},
+                            {"C:\\b2\\Fusion360.exe", "C:\\PROFILEB"}, {"C:\\n\\Fusion360.exe", "C:\\noManifest"},
+                            {"C:\\m\\Fusion360.exe", "C:\\folderManifest"}, {"C:\\c\\Fusion360.exe", "C:\\ProfileC"},
+                            {"C:\\r\\Fusion360.exe", "C:\\roaming"}}));
+  // Discovered: profile C in another case, and a profile without the add-in.
+  FusionInstallationList list = {{u"C:\\found\\Fusion360.exe", u"C:\\profilec"}, {u"C:\\bare\\Fusion360.exe", u"C:\\bare"}};
+  WString error = u"untouched";
+  ASSERT_TRUE(SelectUninstallTargets(Win("roaming"), Win("local"), list, error));
+  EXPECT_EQ(Pairs(list), (RecordPairs{{u"C:\\found\\Fusion360.exe", u"C:\\profilec"},
+                                      {u"C:\\bare\\Fusion360.exe", u"C:\\bare"},
+                                      {u"C:\\b1\\Fusion360.exe", u"C:\\profileB"},
+                                      {u"C:\\r\\Fusion360.exe", u"C:\\roaming"}}));
+  // The run's own profile joins without an executable when no record has it.
+  list.clear();
+  ASSERT_TRUE(SelectUninstallTargets(Win("profileC"), Win("nolocal"), list, error));
+  EXPECT_EQ(Pairs(list), (RecordPairs{{u"", u"C:\\profileC"}}));
+
+  // A folder of no drive-letter form names no profile: the manifest's name
+  // alone must not be looked for in the working directory.
+  WriteFile(Host("work/KELDARO_Quorvane.manifest"), "stranger");
+  const std::filesystem::path saved = std::filesystem::current_path();
+  std::filesystem::current_path(Host("work"));
+  for (const WString appData : {u"roaming", u"\\\\server\\share\\roaming"}) {
+    list.clear();
+    EXPECT_TRUE(SelectUninstallTargets(appData, Win("nolocal"), list, error));
+    EXPECT_TRUE(list.empty());
+  }
+  std::filesystem::current_path(saved);
+  EXPECT_EQ(error, u"untouched");
+}
+
+#if defined(QUORVANE_FAULT_INJECTION)
+
+// Each case runs in a fresh process whose platform calls fail as it says.
+TEST(PayloadFaults, FailuresOfTheCopyAndOfTheStateFile) {
+  FreshProcessDeathTests fresh;
+  // A failed copy gives its code as a signed number; the file copied before
+  // it stays.
+  EXPECT_EXIT(RunWithFaults("CopyFileW@2=0x80070005",
+                            [](const FixturePrefix& prefix) {
+                              WriteFile(prefix.C("src/a.txt"), "a");
+                              WriteFile(prefix.C("src/b.txt"), "b");
+                              WString error;
+                              if (CopyAddInPayload(WinPath("src"), WinPath("dst"), error)) return 1;
+                              if (error != u"Cannot copy Add-In payload. Error -2147024891") return 2;
+                              return SnapshotTree(prefix.C("dst")).size() == 2 ? 0 : 3;
+                            }),
+              ::testing::ExitedWithCode(0), "");
+  // An entry whose status cannot be had is raised (the first two queries are
+  // the source's and the target's).
+  EXPECT_EXIT(RunWithFaults("GetFileAttributesExW@3=5",
+                            [](const FixturePrefix& prefix) {
+                              WriteFile(prefix.C("src/a.txt"), "a");
+                              WString error = u"untouched";
+                              try {
+                                CopyAddInPayload(WinPath("src"), WinPath("dst"), error);
+                              } catch (const FilesystemFailure& failure) {
+                                return failure.what() == std::string("directory_entry::status: Access denied.: "
+                                                                     "\"C:\\src\\a.txt\"") && error == u"untouched"
+                                           ? 0 : 1;
+                              }
+                              return 2;
+                            }),
+              ::testing::ExitedWithCode(0), "");
+  // A state file that cannot be written fails without words, after the
+  // payload and the helper are in place.
+  EXPECT_EXIT(RunWithFaults("WriteFile@1=112",
+                            [](const FixturePrefix& prefix) {
+                              MakePackage(prefix.C("pkg"));
+                              WString error = u"untouched";
+                              if (PrepareAddIn(WinPath("pkg"), WinPath("prepared"), error)) return 1;
+                              if (error != u"untouched") return 2;
+                              return IsAddInHealthy(WinPath("prepared")) ? 0 : 3;
+                            }),
+              ::testing::ExitedWithCode(0), "");
+}
+
+#endif
+
+}  // namespace
+}  // namespace qv::test
