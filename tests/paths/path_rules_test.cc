@@ -22,25 +22,22 @@ WString Apply(const std::string& rule, const WString& path, const WString& eleme
 
 TEST(PathRules, EachRuleAnswersItsTable) {
   const WString lone = WString(1, 0xD800);
-  const struct {
-    std::string rule;
-    WString path, element, expected;
-  } rows[] = {
+  const struct { std::string rule; WString path, element, expected; } rows[] = {
       {"join", u"", u"x\\y", u"x\\y"}, {"join", u"C:\\", u"x", u"C:\\x"}, {"join", u"C:/", u"x", u"C:/\\x"},
-      {"join", u"C:\\a", u"\\b", u"C:\\a\\\\b"},
-      {"append", u"", u"x", u"x"}, {"append", u"C:", u"x", u"C:x"}, {"append", u"C:/", u"x", u"C:/x"},
-      {"append", u"a", u"x", u"a\\x"}, {"append", u"\\\\host", u"share", u"\\\\host\\share"},
-      {"append", u"\\\\host\\", u"share", u"\\\\host\\share"}, {"append", u"\\\\?\\", u"C:", u"\\\\?\\C:"},
-      {"append", u"\\\\?", u"x", u"\\\\?\\x"}, {"append", u"1:", u"x", u"1:\\x"},
-      {"parent", u"C:\\a/b", u"", u"C:\\a"}, {"parent", u"C:\\", u"", u"C:"}, {"parent", u"Tools", u"", u""},
-      {"Parent", u"C:\\Tools", u"", u"C:\\"}, {"Parent", u"C:\\Tools\\", u"", u"C:\\Tools"},
-      {"Parent", u"C:\\a\\\\b", u"", u"C:\\a"}, {"Parent", u"C:\\\\\\a", u"", u"C:\\\\\\"},
-      {"Parent", u"C:\\", u"", u"C:\\"}, {"Parent", u"C:", u"", u"C:"}, {"Parent", u"C:a", u"", u"C:"},
-      {"Parent", u"\\\\host\\share\\x", u"", u"\\\\host\\share"}, {"Parent", u"\\\\host\\share", u"", u"\\\\host\\"},
-      {"Parent", u"\\\\host", u"", u"\\\\host"}, {"Parent", u"//host/share", u"", u"//host/"},
-      {"Parent", u"\\\\?\\C:\\x", u"", u"\\\\?\\C:"}, {"Parent", u"\\\\?\\C:", u"", u"\\\\?\\"},
-      {"Parent", u"\\??\\C:", u"", u"\\??\\"}, {"Parent", u"/\\./COM1", u"", u"/\\./"},
-      {"Parent", u"a\\b", u"", u"a"}, {"Parent", u"Tools", u"", u""}, {"Parent", u"\\Tools", u"", u"\\"},
+      {"join", u"C:\\a", u"\\b", u"C:\\a\\\\b"}, {"append", u"", u"x", u"x"}, {"append", u"C:", u"x", u"C:x"},
+      {"append", u"C:/", u"x", u"C:/x"}, {"append", u"a", u"x", u"a\\x"},
+      {"append", u"\\\\host", u"share", u"\\\\host\\share"}, {"append", u"\\\\host\\", u"share", u"\\\\host\\share"},
+      {"append", u"\\\\?\\", u"C:", u"\\\\?\\C:"}, {"append", u"\\\\?", u"x", u"\\\\?\\x"},
+      {"append", u"1:", u"x", u"1:\\x"}, {"parent", u"C:\\a/b", u"", u"C:\\a"}, {"parent", u"C:\\", u"", u"C:"},
+      {"parent", u"Tools", u"", u""}, {"Parent", u"C:\\Tools", u"", u"C:\\"},
+      {"Parent", u"C:\\Tools\\", u"", u"C:\\Tools"}, {"Parent", u"C:\\a\\\\b", u"", u"C:\\a"},
+      {"Parent", u"C:\\\\\\a", u"", u"C:\\\\\\"}, {"Parent", u"C:\\", u"", u"C:\\"}, {"Parent", u"C:", u"", u"C:"},
+      {"Parent", u"C:a", u"", u"C:"}, {"Parent", u"\\\\host\\share\\x", u"", u"\\\\host\\share"},
+      {"Parent", u"\\\\host\\share", u"", u"\\\\host\\"}, {"Parent", u"\\\\host", u"", u"\\\\host"},
+      {"Parent", u"//host/share", u"", u"//host/"}, {"Parent", u"\\\\?\\C:\\x", u"", u"\\\\?\\C:"},
+      {"Parent", u"\\\\?\\C:", u"", u"\\\\?\\"}, {"Parent", u"\\??\\C:", u"", u"\\??\\"},
+      {"Parent", u"/\\./COM1", u"", u"/\\./"}, {"Parent", u"a\\b", u"", u"a"}, {"Parent", u"Tools", u"", u""},
+      {"Parent", u"\\Tools", u"", u"\\"},
       // A separator behind the fourth character makes \\?\ no device root.
       {"root", u"\\\\?\\\\x", u"", u"3"}, {"root", u"\\??\\\\x", u"", u"0"}, {"root", u"\\\\\\x", u"", u"0"},
       {"canonical", u"C:\\", u"", u"C:\\"}, {"canonical", u"C:/", u"", u"C:\\"},
@@ -48,9 +45,10 @@ TEST(PathRules, EachRuleAnswersItsTable) {
       {"canonical", u"C:\\a\\.\\b\\\\", u"", u"C:\\a\\b"}, {"canonical", u"C:\\..\\..", u"", u"C:\\"},
       {"canonical", u"Q:\\No\\Such\\PLACE", u"", u"Q:\\No\\Such\\PLACE"},
       {"canonical", u"C:\\\u00c4rger\\\U0001F600", u"", u"C:\\\u00c4rger\\\U0001F600"},
-      {"canonical", u"C:", u"", u""}, {"canonical", u"C:x\\y", u"", u""}, {"canonical", u"\\\\host\\share\\x", u"", u""},
-      {"canonical", u"\\\\?\\C:\\x", u"", u""}, {"canonical", u"\\x\\y", u"", u""}, {"canonical", u"x\\y", u"", u""},
-      {"canonical", u"C:\\a\"b", u"", u""}, {"canonical", u"C:\\a\n", u"", u""}, {"canonical", u"C:\\a\rb", u"", u""},
+      {"canonical", u"C:", u"", u""}, {"canonical", u"C:x\\y", u"", u""},
+      {"canonical", u"\\\\host\\share\\x", u"", u""}, {"canonical", u"\\\\?\\C:\\x", u"", u""},
+      {"canonical", u"\\x\\y", u"", u""}, {"canonical", u"x\\y", u"", u""}, {"canonical", u"C:\\a\"b", u"", u""},
+      {"canonical", u"C:\\a\n", u"", u""}, {"canonical", u"C:\\a\rb", u"", u""},
       // Only A-Z fold: not the characters beside them, nothing outside ASCII.
       {"same", u"C:\\Tools", u"c:\\TOOLS", u"same"}, {"same", u"C:\\Tools", u"C:\\Tools\\", u"different"},
       {"same", u"C:\\Tools", u"C:/Tools", u"different"}, {"same", u"\u00d6l", u"\u00f6l", u"different"},
