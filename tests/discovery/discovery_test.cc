@@ -58,7 +58,6 @@ TEST_F(DiscoveryTest, AnInstallationNeedsItsNameAndEveryApiFileOfItsKind) {
     EXPECT_EQ(HasElectronicsApi(Win(folder + rows[i].executable)), rows[i].complete) << folder << rows[i].executable;
   }
   EXPECT_TRUE(HasElectronicsApi(u"C:/F0/Fusion360.exe"));
-  EXPECT_FALSE(HasElectronicsApi(u"Fusion360.exe"));
 }
 
 TEST_F(DiscoveryTest, WebdeployScanAddsCompleteInstallationsOfImmediateSubfoldersOnce) {
@@ -125,17 +124,14 @@ TEST_F(DiscoveryTest, SourcesMergeIntoOneRecordPerExecutable) {
   std::filesystem::remove(Host("Broken/API/Python/packages/adsk/electron.py"));
   MakeDirs(Host("Profiles/Bare"));
   const WString bare = Win("Profiles/Bare"), first = u"C:\\Default\\First", later = u"C:\\Default\\Later";
-  MakeDirs(Host("Default/First/Autodesk/Autodesk Fusion 360/API"));
-  MakeDirs(Host("Default/Later/Autodesk/Autodesk Fusion 360/API"));
-  const struct { ExecutableList found, running; FusionInstallationList saved; RecordPairs expected; WString error; } rows[] = {
+  for (const std::string profile : {"First", "Later"}) MakeDirs(Host("Default/" + profile + "/Autodesk/Autodesk Fusion 360/API"));
+  const struct { ExecutableList found, running; FusionInstallationList saved; RecordPairs expected; WString error = {}; } rows[] = {
       // Found first, in their text; running-only before saved-only; the last
       // saved record of an executable decides; vanished ones are passed over.
-      {{a, b},
-       {port, u"c:\\prog\\b\\FUSION360.EXE", a},
-       {{u"C:\\PROG\\B\\fusion360.exe", first}, {savedOnly, kDefault}, {Win("gone/Fusion360.exe"), kDefault},
+      {{a, b}, {port, u"c:\\prog\\b\\FUSION360.EXE", a},
+       {{u"C:\\PROG\\B\\fusion360.exe", first}, {savedOnly, kDefault}, {u"C:\\gone\\Fusion360.exe", kDefault},
         {u"C:\\prog\\B\\Fusion360.EXE", later}},
-       {{a, kDefault}, {b, later}, {port, u"C:\\Port\\PortableData\\Roaming"}, {savedOnly, kDefault}},
-       u""},
+       {{a, kDefault}, {b, later}, {port, u"C:\\Port\\PortableData\\Roaming"}, {savedOnly, kDefault}}},
       {{}, {port}, {{port, first}}, {{port, first}}, u""},
       {{}, {}, {}, {}, u""},
       {{upper}, {lower}, {{lower, kDefault}}, {{upper, kDefault}, {lower, kDefault}}, u""},

@@ -28,13 +28,17 @@ std::vector<std::string> Entries(const std::string& count, unsigned n) {
 class InventoryTest : public PrefixCase {
  protected:
   std::string File() const { return Host("local/Quorvane/Installation.ini"); }
-  // Loads behind one record already in the list; what the load appended.
-  bool Load(FusionInstallationList& loaded, WString& error) {
-    loaded = {{u"C:\\before\\Fusion360.exe", u"C:\\before"}};
-    const bool ok = LoadInventory(Win("local"), loaded, error);
-    loaded.erase(loaded.begin());
+  // Loads behind one record already in the list; loaded_ holds what the
+  // load appended.
+  bool Load() {
+    loaded_ = {{u"C:\\before\\Fusion360.exe", u"C:\\before"}};
+    error_.clear();
+    const bool ok = LoadInventory(Win("local"), loaded_, error_);
+    loaded_.erase(loaded_.begin());
     return ok;
   }
+  FusionInstallationList loaded_;
+  WString error_;
 };
 
 TEST_F(InventoryTest, ReaderRefusesWhatItCannotTrustAndKeepsWhatCameBefore) {
@@ -43,10 +47,10 @@ TEST_F(InventoryTest, ReaderRefusesWhatItCannotTrustAndKeepsWhatCameBefore) {
     std::vector<std::string> lines;
     WString error;       // empty: success
     std::size_t loaded;  // records appended, on failure too
-    WString last;        // the last one as "executable|appData", when given
+    WString last = {};   // the last one as "executable|appData", when given
   };
   std::vector<Row> rows = {
-      {{}, kInvalid, 0}, {{"[Other]", "Count=1", f, "AppData0=C:\\P"}, kInvalid, 0},
+      {{"[Other]", "Count=1", f, "AppData0=C:\\P"}, kInvalid, 0},
       {Entries("129", 129), kInvalid, 0},
       // A count too long for the reader's buffer counts as cut; a sign is taken.
       {Entries(std::string(32766, '0') + "1", 1), kInvalid, 0}, {Entries(std::string(32765, '0') + "1", 1), u"", 1},
@@ -69,20 +73,17 @@ TEST_F(InventoryTest, ReaderRefusesWhatItCannotTrustAndKeepsWhatCameBefore) {
   for (const Row& row : rows) {
     SCOPED_TRACE(::testing::PrintToString(row.lines).substr(0, 200));
     WriteFile(File(), InventoryText(row.lines));
-    FusionInstallationList loaded;
-    WString error;
-    EXPECT_EQ(Load(loaded, error), row.error.empty());
-    EXPECT_EQ(error, row.error);
-    EXPECT_EQ(loaded.size(), row.loaded);
-    if (!row.last.empty() && !loaded.empty()) EXPECT_EQ(loaded.back().executable + u"|" + loaded.back().appData, row.last);
+    EXPECT_EQ(Load(), row.error.empty());
+    EXPECT_EQ(error_, row.error);
+    EXPECT_EQ(loaded_.size(), row.loaded);
+    const WString last = loaded_.empty() ? u"" : loaded_.back().executable + u"|" + loaded_.back().appData;
+    if (!row.last.empty()) { EXPECT_EQ(last, row.last); }
   }
   // No file, or a folder in its place: no inventory yet.
-  FusionInstallationList loaded;
-  WString error;
   std::filesystem::remove(File());
-  EXPECT_TRUE(Load(loaded, error));
+  EXPECT_TRUE(Load() && loaded_.empty());
   MakeDirs(File());
-  EXPECT_TRUE(Load(loaded, error) && loaded.empty());
+  EXPECT_TRUE(Load() && loaded_.empty());
 }
 
 TEST_F(InventoryTest, WriterReplacesTheFileWholeAndLaterReadsSeeIt) {
@@ -90,12 +91,10 @@ TEST_F(InventoryTest, WriterReplacesTheFileWholeAndLaterReadsSeeIt) {
                                       {u"C:\\G\\Fusion360.exe", u"C:\\users\\g"}};
   const std::string twoBytes = InventoryBytes({{"C:\\F\xF0\x9F\x98\x80\\Fusion360.exe", "C:\\users\\\xE5\xB1\xB1\xE7\x94\xB0\\Roaming"},
                                                {"C:\\G\\Fusion360.exe", "C:\\users\\g"}});
-  FusionInstallationList loaded;
-  WString error;
   for (const FusionInstallationList& records : {two, FusionInstallationList{two[1]}, two}) {
     ASSERT_TRUE(SaveInventory(Win("local"), records));
-    ASSERT_TRUE(Load(loaded, error));
-    EXPECT_EQ(Pairs(loaded), Pairs(records));
+    ASSERT_TRUE(Load());
+    EXPECT_EQ(Pairs(loaded_), Pairs(records));
   }
   EXPECT_EQ(ReadFile(File()), twoBytes);
 

@@ -19,13 +19,11 @@ TEST(TransactionLists, ProfilesAndSavedRecordsMatchInAsciiCaseOnlyAndKeepTheirFi
             (std::vector<WString>{u"C:\\Users\\Ann", u"C:\\P", u"", u"C:\\\u00C9", u"C:\\\u00E9"}));
   // A saved record stays behind the current ones unless the list, its saved
   // records included, already names its executable.
-  const FusionInstallationList saved = {
-      {u"c:\\A\\FUSION360.EXE", u"C:\\Old"},       {u"C:\\Gone\\Fusion360.exe", u"C:\\Old"},
-      {u"C:\\Gone\\Fusion360.exe", u"C:\\Other"},  {u"C:\\\u00C5\\Fusion360.exe", u"C:\\Old"},
-      {u"C:\\\u00E5\\Fusion360.exe", u"C:\\Old"}};
+  const FusionInstallationList saved = {{u"c:\\A\\FUSION360.EXE", u"C:\\Old"}, {u"C:\\\u00C5\\Fusion360.exe", u"C:\\Old"},
+                                        {u"C:\\\u00C5\\Fusion360.exe", u"C:\\Other"}, {u"C:\\\u00E5\\Fusion360.exe", u"C:\\Old"}};
   EXPECT_EQ(Pairs(MergeInventory({installations[0]}, saved)),
-            (RecordPairs{{u"C:\\a\\Fusion360.exe", u"C:\\Users\\Ann"}, {u"C:\\Gone\\Fusion360.exe", u"C:\\Old"},
-                         {u"C:\\\u00C5\\Fusion360.exe", u"C:\\Old"}, {u"C:\\\u00E5\\Fusion360.exe", u"C:\\Old"}}));
+            (RecordPairs{{u"C:\\a\\Fusion360.exe", u"C:\\Users\\Ann"}, {u"C:\\\u00C5\\Fusion360.exe", u"C:\\Old"},
+                         {u"C:\\\u00E5\\Fusion360.exe", u"C:\\Old"}}));
 }
 
 using TransactionTest = PrefixCase;
