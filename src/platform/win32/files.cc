@@ -14,6 +14,50 @@ using win32::FilePath;
 using win32::FromH;
 using win32::H;
 
+namespace {
+
+// Antivirus scanners, the search indexer and backup agents open a newly
+// written file for a moment. Meanwhile renaming its folder, copying onto it
+// or replacing it fails with one of these codes, and the whole run would roll
+// back for a lock that lasts milliseconds.
+bool IsTransientLock(DWORD code) {
+  return code == ERROR_ACCESS_DENIED || code == ERROR_SHARING_VIOLATION || code == ERROR_LOCK_VIOLATION;
+}
+
+// Waits between attempts: growing, and 1 s in all, after which the lock
+// counts as lasting and the call fails with its code.
+constexpr DWORD kLockRetryDelays[] = {1, 10, 20, 40, 80, 160, 320, 369};
+
+// An access denial that no wait can lift: the target is a folder (a rename or
+// copy never replaces one) or read-only, a copy's target is hidden, or a
+// copy's source is a folder.
+bool IsLastingDenial(DWORD code, const FilePath& from, const FilePath& to, bool copy) {
+  if (code != ERROR_ACCESS_DENIED) return false;
+  const DWORD lasting = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_READONLY | (copy ? FILE_ATTRIBUTE_HIDDEN : 0);
+  const DWORD target = ::GetFileAttributesW(to);
+  if (target != INVALID_FILE_ATTRIBUTES && (target & lasting) != 0) return true;
+  if (!copy) return false;
+  const DWORD source = ::GetFileAttributesW(from);
+  return source != INVALID_FILE_ATTRIBUTES && (source & FILE_ATTRIBUTE_DIRECTORY) != 0;
+}
+
+// Makes the call again while it fails on a transient lock, up to the delays
+// above. It runs below the fault point: an injected failure is final.
+template <typename Call>
+bool RetryWhileLocked(const FilePath& from, const FilePath& to, bool copy, Call call) {
+  for (std::size_t attempt = 0;; ++attempt) {
+    if (call()) return true;
+    const DWORD code = ::GetLastError();
+    if (attempt == std::size(kLockRetryDelays) || !IsTransientLock(code) || IsLastingDenial(code, from, to, copy)) {
+      ::SetLastError(code);
+      return false;
+    }
+    ::Sleep(kLockRetryDelays[attempt]);
+  }
+}
+
+}  // namespace
+
 std::uint32_t GetFileAttributesW(const WString& path) {
   QV_FAULT_POINT("GetFileAttributesW", return kInvalidFileAttributes, path);
   return ::GetFileAttributesW(FilePath(path));
@@ -53,12 +97,16 @@ bool CreateDirectoryW(const WString& path) {
 
 bool MoveFileExW(const WString& from, const WString& to, std::uint32_t flags) {
   QV_FAULT_POINT("MoveFileExW", return false, from, to);
-  return ::MoveFileExW(FilePath(from), FilePath(to), flags) != 0;
+  const FilePath source(from);
+  const FilePath target(to);
+  return RetryWhileLocked(source, target, false, [&] { return ::MoveFileExW(source, target, flags) != 0; });
 }
 
 bool CopyFileW(const WString& from, const WString& to, bool failIfExists) {
   QV_FAULT_POINT("CopyFileW", return false, from, to);
-  return ::CopyFileW(FilePath(from), FilePath(to), failIfExists) != 0;
+  const FilePath source(from);
+  const FilePath target(to);
+  return RetryWhileLocked(source, target, true, [&] { return ::CopyFileW(source, target, failIfExists) != 0; });
 }
 
 bool DeleteFileW(const WString& path) {
