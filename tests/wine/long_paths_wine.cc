@@ -84,7 +84,8 @@ TEST_P(LongPathCycle, InstallStatusUpdateStatusUninstall) {
   std::system(("rm -rf '" + base + "' '" + driveC + "/QvLong.ready'").c_str());
 }
 
-INSTANTIATE_TEST_SUITE_P(Builds, LongPathCycle, ::testing::Values("native", "windows"));
+INSTANTIATE_TEST_SUITE_P(Builds, LongPathCycle, ::testing::Values("native", "windows"),
+                         [](const auto& info) { return info.param; });
 
 TEST(WindowsManifest, DeclaresItsLevelAndLongPathAwareness) {
   if (!Exists(kWindowsBinary)) GTEST_SKIP() << "no Windows build at " << kWindowsBinary;
