@@ -8,7 +8,7 @@ namespace qv::platform {
 
 bool SetFileAttributesW(const WString& path, std::uint32_t attributes) {
   QV_FAULT_POINT("SetFileAttributesW", return false, path);
-  return ::SetFileAttributesW(win32::W(path), attributes) != 0;
+  return ::SetFileAttributesW(win32::FilePath(path), attributes) != 0;
 }
 
 }  // namespace qv::platform
