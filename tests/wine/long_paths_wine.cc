@@ -8,8 +8,8 @@
 #include <memory>
 #include <regex>
 
-#include "support/fixtures.h"
-#include "support/profile_scene.h"
+#include "support/scene.h"
+#include "support/scene.h"
 #include "wine/wine_program.h"
 #include "wine/wine_support.h"
 
@@ -44,7 +44,7 @@ TEST_P(LongPathCycle, InstallStatusUpdateStatusUninstall) {
   } else {
     const FixturePrefix fixture = MakeFixturePrefix(dir.path());
     driveC = fixture.root + "/drive_c";
-    run = [fixture](const std::vector<std::string>& args) { return test::Run(ToolBinary(), args, fixture.Env()); };
+    run = [fixture](const std::vector<std::string>& args) { return test::Run(NativeTool().binary, args, fixture.Env()); };
   }
   const std::string base = driveC + "/QvLong";
   std::system(("rm -rf '" + base + "'").c_str());

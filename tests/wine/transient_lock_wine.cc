@@ -5,8 +5,8 @@
 
 #include <regex>
 
-#include "support/fixtures.h"
-#include "support/profile_scene.h"
+#include "support/scene.h"
+#include "support/scene.h"
 #include "wine/wine_program.h"
 #include "wine/wine_support.h"
 

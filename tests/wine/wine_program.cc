@@ -6,7 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "support/test_support.h"
+#include "support/environment.h"
 
 extern char** environ;
 
