@@ -19,15 +19,12 @@ WString UniqueName(const std::string& test) {
   return AsciiToWide("Local\\QuorvaneMutexTest-" + std::to_string(::getpid()) + "-" + test);
 }
 
-// A child that opens the mutex, runs `body` on its handle with a pipe to
-// tell the parent what happened, and ends with no clean-up, owning what it
-// owns. The parent reads the words, then waits for the child's end (leaving
-// it a zombie when not `reap`).
+// A child that opens the mutex and runs `body` on its handle, writing what
+// happened to a pipe; it ends with no clean-up, owning what it owns.
 struct Child {
   Child(const WString& name, const std::function<void(Handle, int)>& body) {
     EXPECT_EQ(::pipe(fds), 0);
-    pid = ::fork();
-    if (pid == 0) body(CreateMutexW(name), fds[1]), ::_exit(0);
+    if ((pid = ::fork()) == 0) body(CreateMutexW(name), fds[1]), ::_exit(0);
     ::close(fds[1]);
   }
   ~Child() { ::close(fds[0]); }
@@ -36,6 +33,7 @@ struct Child {
     std::uint32_t value = 0xDEAD;  // the child ended without a word
     return ::read(fds[0], &value, sizeof value) == sizeof value ? value : 0xDEAD;
   }
+  // Waits for the child's end; one not reaped stays a zombie.
   void Ended(bool reap) {
     siginfo_t info{};
     ::waitid(P_PID, static_cast<id_t>(pid), &info, reap ? WEXITED : WEXITED | WNOWAIT);

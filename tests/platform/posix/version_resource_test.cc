@@ -24,24 +24,21 @@ std::string VersionOf(const WString& path) {
   if (size == 0 || !GetFileVersionInfoW(path, size, data) || !VerQueryValueRootW(data, info)) {
     return "<error " + std::to_string(GetLastError()) + ">";
   }
-  EXPECT_EQ(data.size(), size);
   return std::to_string(info.fileVersionMS >> 16) + "." + std::to_string(info.fileVersionMS & 0xFFFF) + "." +
          std::to_string(info.fileVersionLS >> 16) + "." + std::to_string(info.fileVersionLS & 0xFFFF);
 }
 
 TEST_F(VersionResource, VersionsOfBuiltProgramsAndOfFilesWithout) {
-#if defined(QUORVANE_TEST_PE_DIR)
-  const std::string built = QUORVANE_TEST_PE_DIR;
-#else
-  const std::string built;
+#ifndef QUORVANE_TEST_PE_DIR
   GTEST_SKIP() << "x86_64-w64-mingw32-g++-posix or -windres not found: no test executables";
+#define QUORVANE_TEST_PE_DIR ""
 #endif
+  const std::string built = QUORVANE_TEST_PE_DIR;
   const std::string program = test::ReadFile(built + "/program_1_2_3_4.exe");
   posix::ResourceSpan span;
   ASSERT_TRUE(posix::FindVersionResource(posix::MemoryImage(program), span));
   // A copy cut just before the end of the resource's data has none.
   test::WriteFile(Host("cut.exe"), program.substr(0, span.offset + span.size - 1));
-  test::WriteFile(Host("text.exe"), "MZ but nothing else of an executable");
   test::MakeDirs(Host("folder"));
   WString windowsBuilt;
   ASSERT_TRUE(posix::ToWindowsPath(built, windowsBuilt));
@@ -50,7 +47,6 @@ TEST_F(VersionResource, VersionsOfBuiltProgramsAndOfFilesWithout) {
       {windowsBuilt + u"\\tiny_65535_0_7_65535.exe", "65535.0.7.65535"},
       {windowsBuilt + u"\\tiny_no_version.exe", "<error 1812>"},
       {Win("cut.exe"), "<error 1812>"},
-      {Win("text.exe"), "<error 1812>"},
       {Win("missing.exe"), "<error 2>"},
       {Win("missing/x.exe"), "<error 3>"},
       {Win("folder"), "<error 5>"},
