@@ -10,9 +10,21 @@ namespace qv::platform {
 
 using win32::W;
 
+namespace {
+// What GetPrivateProfileStringW gives for a file it cannot read: the default
+// without its trailing blanks, cut to the buffer.
+std::uint32_t UnreadableFileDefault(const WString& defaultValue, WString& value, std::uint32_t size) {
+  value = defaultValue.substr(0, defaultValue.find_last_not_of(u' ') + 1);
+  if (size == 0) value.clear();
+  else if (value.size() >= size) value.resize(size - 1);
+  return static_cast<std::uint32_t>(value.size());
+}
+}  // namespace
+
 std::uint32_t GetPrivateProfileStringW(const WString& section, const WString& key, const WString& defaultValue,
                                        WString& value, std::uint32_t size, const WString& path) {
-  QV_FAULT_POINT("GetPrivateProfileStringW", return 0, key, path);
+  QV_FAULT_POINT("GetPrivateProfileStringW", return UnreadableFileDefault(defaultValue, value, size), section, key,
+                 path);
   std::vector<wchar_t> buffer(size, L'\0');
   DWORD n = ::GetPrivateProfileStringW(W(section), W(key), W(defaultValue), buffer.data(), size, W(path));
   value = win32::FromW(buffer.data(), n);
@@ -37,7 +49,7 @@ bool GetFileVersionInfoW(const WString& path, std::uint32_t size, std::vector<st
 }
 
 bool VerQueryValueRootW(const std::vector<std::uint8_t>& data, FixedFileInfo& info) {
-  QV_FAULT_POINT("VerQueryValueW", return false);
+  QV_FAULT_POINT("VerQueryValueW", return false, u"\\");
   void* block = nullptr;
   UINT length = 0;
   if (!::VerQueryValueW(data.data(), L"\\", &block, &length) || block == nullptr) return false;
