@@ -48,8 +48,8 @@ TEST(WinePrefix, FolderListingInWinesOrder) {
   const std::string prefix = SharedWinePrefix();
   if (prefix.empty()) GTEST_SKIP() << "no Wine prefix: wine64 could not be installed or wineboot failed";
   TempDir dir;
-  std::vector<std::string> names{"zeta", "Alpha", "mid", "beta",  "Zulu",  "_under", "10",
-                                 "a_b",  "ab",    "Case", "case", "-dash", " lead", "x.y",  "\xC3\x89t\xC3\xA9"};
+  std::vector<std::string> names{"zeta", "Alpha", "Zulu", "_under", "10",   "a_b",
+                                 "ab",   "Case",  "case", " lead",  "x.y", "\xC3\x89t\xC3\xA9"};
   for (char32_t c = 0x20; c <= 0xFFFF; ++c) {
     // Not surrogates, and not the characters that Windows forbids in names
     // (Wine shows them as other code units).
