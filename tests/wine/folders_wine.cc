@@ -67,10 +67,7 @@ TEST(WinePrefix, FolderListingInWinesOrder) {
   ASSERT_EQ(probe.exitCode, 0) << probe.err;
   std::vector<std::string> wine;
   std::istringstream lines(probe.out);
-  for (std::string line; std::getline(lines, line);) {
-    if (!line.empty() && line.back() == '\r') line.pop_back();
-    wine.push_back(line);
-  }
+  for (std::string line; std::getline(lines, line);) wine.push_back(line);
 
   std::vector<std::string> native;
   platform::FindData found;
