@@ -579,26 +579,26 @@ Handle FindFirstFileW(const WString& pattern, FindData& data) {
     return kInvalidHandle;
   }
   auto search = std::make_shared<Search>();
-  std::vector<std::string> names{".", ".."};
+  // "." and ".." first, then the names in the order Windows lists them, not
+  // the order of the Linux file system (a hash order on ext4).
+  for (const char16_t* dots : {u".", u".."}) {
+    if (MatchesPattern(mask, dots)) search->entries.push_back({kFileAttributeDirectory, dots});
+  }
+  std::vector<posix::ListedName> names;
   while (dirent* e = ::readdir(dir)) {
     std::string name = e->d_name;
-    if (name != "." && name != "..") names.push_back(name);
+    if (name == "." || name == "..") continue;
+    WString wide = Utf8ToWide(name);
+    if (MatchesPattern(mask, wide)) names.push_back({std::move(wide), std::move(name), {}});
   }
   ::closedir(dir);
+  posix::SortAsListed(names);
   std::string base = host == "/" ? "" : host;
-  for (const std::string& name : names) {
-    WString wide = Utf8ToWide(name);
-    if (!MatchesPattern(mask, wide)) continue;
-    FindData entry;
-    entry.fileName = wide;
-    if (name == "." || name == "..") {
-      entry.attributes = kFileAttributeDirectory;
-    } else {
-      bool ok = false;
-      entry.attributes = AttributesOf(base + "/" + name, depth + 1, name, ok);
-      if (!ok) continue;  // vanished since the listing
-    }
-    search->entries.push_back(std::move(entry));
+  for (posix::ListedName& name : names) {
+    bool ok = false;
+    std::uint32_t attributes = AttributesOf(base + "/" + name.host, depth + 1, name.host, ok);
+    if (!ok) continue;  // vanished since the listing
+    search->entries.push_back({attributes, std::move(name.name)});
   }
   if (search->entries.empty()) {
     SetLastError(kErrorFileNotFound);

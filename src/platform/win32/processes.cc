@@ -47,10 +47,13 @@ std::uint32_t GetCurrentProcessId() {
   return ::GetCurrentProcessId();
 }
 
-Handle GetCurrentProcess() { return FromH(::GetCurrentProcess()); }
+Handle GetCurrentProcess() {
+  QV_FAULT_POINT("GetCurrentProcess", return FromH(::GetCurrentProcess()));
+  return FromH(::GetCurrentProcess());
+}
 
 bool ProcessIdToSessionId(std::uint32_t processId, std::uint32_t& sessionId) {
-  QV_FAULT_POINT("ProcessIdToSessionId", return false);
+  QV_FAULT_POINT("ProcessIdToSessionId", return false, DecimalText(processId));
   DWORD session = 0;
   if (!::ProcessIdToSessionId(processId, &session)) return false;
   sessionId = session;
@@ -58,7 +61,7 @@ bool ProcessIdToSessionId(std::uint32_t processId, std::uint32_t& sessionId) {
 }
 
 Handle OpenProcess(std::uint32_t desiredAccess, std::uint32_t processId) {
-  QV_FAULT_POINT("OpenProcess", return kNullHandle);
+  QV_FAULT_POINT("OpenProcess", return kNullHandle, DecimalText(processId));
   return FromH(::OpenProcess(desiredAccess, FALSE, processId));
 }
 
@@ -73,7 +76,7 @@ QueryImageName LookUpQueryImageName() {
 }  // namespace
 
 bool LookUpQueryFullProcessImageNameW() {
-  QV_FAULT_POINT("GetProcAddress", return false);
+  QV_FAULT_POINT("GetProcAddress", return false, u"QueryFullProcessImageNameW");
   return LookUpQueryImageName() != nullptr;
 }
 
@@ -122,6 +125,8 @@ bool EqualSid(const Sid& a, const Sid& b) {
 }
 
 bool ConvertSidToStringSidW(const Sid& sid, WString& text) {
+  QV_FAULT_POINT("LoadLibraryW", return false, u"advapi32.dll");
+  QV_FAULT_POINT("GetProcAddress", return false, u"ConvertSidToStringSidW");
   QV_FAULT_POINT("ConvertSidToStringSidW", return false);
   if (sid.empty()) return false;
   HMODULE advapi = ::LoadLibraryW(L"advapi32.dll");
@@ -148,7 +153,8 @@ constexpr GUID kLocalAppData = {0xf1b32785, 0x6fba, 0x4fcf, {0x9d, 0x55, 0x7b, 0
 }  // namespace
 
 std::int32_t SHGetFolderPathW(int csidl, Handle token, WString& path) {
-  QV_FAULT_POINT("SHGetFolderPathW", return static_cast<std::int32_t>(0x80004005));
+  QV_FAULT_POINT("SHGetFolderPathW", return static_cast<std::int32_t>(HRESULT_FROM_WIN32(::GetLastError())),
+                 DecimalText(static_cast<std::uint32_t>(csidl)));
   wchar_t buffer[MAX_PATH] = {0};
   HRESULT result = ::SHGetFolderPathW(nullptr, csidl, H(token), SHGFP_TYPE_CURRENT, buffer);
   path = win32::FromW(buffer);

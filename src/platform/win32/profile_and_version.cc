@@ -72,7 +72,8 @@ std::uint32_t ReadLongPathProfile(const WString& section, const WString& key, co
 
 std::uint32_t GetPrivateProfileStringW(const WString& section, const WString& key, const WString& defaultValue,
                                        WString& value, std::uint32_t size, const WString& path) {
-  QV_FAULT_POINT("GetPrivateProfileStringW", return 0, key, path);
+  QV_FAULT_POINT("GetPrivateProfileStringW", return profile::UnreadableProfileDefault(defaultValue, value, size),
+                 section, key, path);
   // A bare file name is looked for in the Windows folder, and stays short.
   if (path.find_first_of(u"\\/") != WString::npos &&
       win32::FullPathName(std::wstring(W(path), path.size())).size() >= MAX_PATH) {
@@ -103,7 +104,7 @@ bool GetFileVersionInfoW(const WString& path, std::uint32_t size, std::vector<st
 }
 
 bool VerQueryValueRootW(const std::vector<std::uint8_t>& data, FixedFileInfo& info) {
-  QV_FAULT_POINT("VerQueryValueW", return false);
+  QV_FAULT_POINT("VerQueryValueW", return false, u"\\");
   void* block = nullptr;
   UINT length = 0;
   if (!::VerQueryValueW(data.data(), L"\\", &block, &length) || block == nullptr) return false;
