@@ -2,7 +2,9 @@
 // Wine's own SHGetFolderPathW gives for the roaming (26) and local (28)
 // application data folders, one line each: "<csidl> <hresult> <path in UTF-8>".
 // With a search pattern, prints the names that FindFirstFileW and
-// FindNextFileW give for it, one a line, in UTF-8.
+// FindNextFileW give for it, one a line, in UTF-8, each followed by a tab
+// and its attributes in hex. With "-a PATH", prints GetFileAttributesW of
+// the path in hex.
 #include <windows.h>
 #include <shlobj.h>
 
@@ -19,11 +21,15 @@ static std::string Utf8(const wchar_t* text) {
 int main() {
   int argc = 0;
   wchar_t** argv = CommandLineToArgvW(GetCommandLineW(), &argc);
+  if (argc > 2) {
+    std::printf("%lx\n", static_cast<unsigned long>(GetFileAttributesW(argv[2])));
+    return 0;
+  }
   if (argc > 1) {
     WIN32_FIND_DATAW found;
     HANDLE search = FindFirstFileW(argv[1], &found);
     if (search == INVALID_HANDLE_VALUE) return 1;
-    do std::printf("%s\n", Utf8(found.cFileName).c_str());
+    do std::printf("%s\t%lx\n", Utf8(found.cFileName).c_str(), static_cast<unsigned long>(found.dwFileAttributes));
     while (FindNextFileW(search, &found));
     FindClose(search);
     return 0;

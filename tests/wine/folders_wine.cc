@@ -67,7 +67,7 @@ TEST(WinePrefix, FolderListingInWinesOrder) {
   ASSERT_EQ(probe.exitCode, 0) << probe.err;
   std::vector<std::string> wine;
   std::istringstream lines(probe.out);
-  for (std::string line; std::getline(lines, line);) wine.push_back(line);
+  for (std::string line; std::getline(lines, line);) wine.push_back(line.substr(0, line.find('\t')));
 
   std::vector<std::string> native;
   platform::FindData found;
@@ -81,6 +81,52 @@ TEST(WinePrefix, FolderListingInWinesOrder) {
   ASSERT_EQ(wine.size(), names.size() + 2);
   ASSERT_EQ(native.size(), wine.size());
   for (std::size_t i = 0; i < wine.size(); ++i) ASSERT_EQ(native[i], wine[i]) << "entry " << i;
+}
+
+// Where Wine 8 and Windows part, the native build answers as Windows does:
+// Wine gives a link to a file no reparse attribute and leaves a dangling link
+// out of a listing, and it gives the root of Z: (its link to /) the reparse
+// attribute. The safety checks refuse links as reparse points; the native
+// build refuses every link below a drive root, and takes a drive's root as
+// a folder.
+TEST(WinePrefix, LinksAsWineAndWindowsShowThem) {
+  const std::string prefix = SharedWinePrefix();
+  if (prefix.empty()) GTEST_SKIP() << "no Wine prefix: wine64 could not be installed or wineboot failed";
+  TempDir dir;
+  WriteFile(dir / "file", "x");
+  MakeDirs(dir / "folder");
+  MakeSymlink(dir / "file", dir / "file-link");
+  MakeSymlink(dir / "folder", dir / "folder-link");
+  MakeSymlink(dir / "nowhere", dir / "dangling");
+  ScopedEnv winePrefix("WINEPREFIX", prefix);
+  WString folder;
+  ASSERT_TRUE(platform::posix::ToWindowsPath(dir.path(), folder));
+  const auto listing = [](const std::vector<std::pair<std::string, std::uint32_t>>& entries) {
+    std::string text;
+    for (const auto& [name, attributes] : entries) {
+      if (name == "." || name == "..") continue;
+      text += name + ((attributes & platform::kFileAttributeReparsePoint) ? " reparse\n" : "\n");
+    }
+    return text;
+  };
+  std::vector<std::pair<std::string, std::uint32_t>> wine, native;
+  RunResult probe = RunUnderWine(prefix, QUORVANE_FOLDER_PROBE, {WideToUtf8(folder + u"\\*")});
+  std::istringstream lines(probe.out);
+  for (std::string line; std::getline(lines, line);) {
+    wine.emplace_back(line.substr(0, line.find('\t')), std::stoul(line.substr(line.find('\t') + 1), nullptr, 16));
+  }
+  platform::FindData found;
+  platform::Handle search = platform::FindFirstFileW(folder + u"\\*", found);
+  ASSERT_NE(search, platform::kInvalidHandle);
+  do native.emplace_back(WideToUtf8(found.fileName), found.attributes);
+  while (platform::FindNextFileW(search, found));
+  platform::FindClose(search);
+  EXPECT_EQ(listing(wine), "file\nfile-link\nfolder\nfolder-link reparse\n");
+  EXPECT_EQ(listing(native), "dangling reparse\nfile\nfile-link reparse\nfolder\nfolder-link reparse\n");
+
+  RunResult root = RunUnderWine(prefix, QUORVANE_FOLDER_PROBE, {"-a", "Z:\\"});
+  EXPECT_NE(std::stoul(root.out, nullptr, 16) & platform::kFileAttributeReparsePoint, 0u) << root.out;
+  EXPECT_EQ(platform::GetFileAttributesW(u"Z:\\") & platform::kFileAttributeReparsePoint, 0u);
 }
 
 }  // namespace
