@@ -63,9 +63,7 @@ TEST_P(CommandLine, ActionsAndOptions) {
                     {{"/uninstall", "/package", "Q:\\nowhere"}, 0, kUninstalled, ""},
                     // An isolated run looks at the test folders alone; the last value counts.
                     {{"/Status", "/Test-AppData", roaming, "/TEST-LOCALAPPDATA", local}, 1, kEmptyReport, ""},
-                    {{"/install", "/test-appdata", "a", "/test-appdata", roaming, "/test-localappdata", local},
-                     5,
-                     "",
+                    {{"/install", "/test-appdata", "a", "/test-appdata", roaming, "/test-localappdata", local}, 5, "",
                      kNotDetected},
                 });
   if (!tool().faults) return;
@@ -79,9 +77,7 @@ TEST_P(CommandLine, ActionsAndOptions) {
 }
 
 TEST_P(CommandLine, HostPathsAndAPrefixWithoutItsFiles) {
-  QV_SKIP_UNLESS(tool().native(),
-                 "Only the native build turns host paths into Z:\\ paths and reads the files of a "
-                 "prefix written here");
+  QV_SKIP_UNLESS(tool().native(), "Only the native build turns host paths into Z:\\ paths and reads prefix files");
   Machine m(tool());
   MakeDirs(m.C("Roaming"));
   const std::string garbage = m.temp->path() + "/garbage";
@@ -89,10 +85,8 @@ TEST_P(CommandLine, HostPathsAndAPrefixWithoutItsFiles) {
   WriteFile(garbage + "/user.reg", "WINE REGISTRY Version 2\n;; All keys relative to");
   ExpectRows(m, {
                     // Host paths and their Windows forms name the same folders.
-                    {{"/status", "/test-appdata", "Z:" + m.C("Roaming"), "/test-localappdata", m.C("Roaming")},
-                     1,
-                     kEmptyReport,
-                     ""},
+                    {{"/status", "/test-appdata", "Z:" + m.C("Roaming"), "/test-localappdata", m.C("Roaming")}, 1,
+                     kEmptyReport, ""},
                     // No prefix at all, or registry files that read as empty: no folders.
                     {{"/status"}, 3, "", kNoFolders, {{"WINEPREFIX", m.temp->path() + "/absent"}}},
                     {{"/status"}, 3, "", kNoFolders, {{"WINEPREFIX", garbage}}},

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <functional>
 #include <sstream>
 
 #include "platform/wstring.h"
@@ -47,10 +48,6 @@ std::string Webdeploy(const Machine& m, const std::string& build) {
 void Process(const Machine& m, int pid, const std::string& argv0, const std::string& comm, unsigned uid = ::getuid(),
              std::uint32_t session = OwnSession()) {
   m.prefix.AddProcess(pid, argv0, comm, uid, session);
-}
-
-void RemoveProcess(const Machine& m, int pid) {
-  std::filesystem::remove_all(m.prefix.procRoot + "/" + std::to_string(pid));
 }
 
 class LiveDiscovery : public EndToEnd {};
@@ -155,35 +152,33 @@ TEST_P(LiveDiscovery, RunningProcessesOfThisSessionAndAccount) {
 
 TEST_P(LiveDiscovery, ProcessFailuresStopDiscovery) {
   QV_SKIP_UNLESS(tool().native(), kWhy);
-  Machine m(tool());
-  MakeFusionInstallation(m.C("Good"));
-  // A running Fusion without the Electronics API.
-  WriteFile(m.C("NoApi/Fusion360.exe"), "MZ");
-  Process(m, 200, "C:\\NoApi\\Fusion360.exe", "Fusion360.exe");
-  RunResult r = m.Run({"/status"});
-  EXPECT_EQ(r.exitCode, 5);
-  EXPECT_EQ(r.err, "Running Fusion lacks the required Electronics API: C:\\NoApi\\Fusion360.exe\n");
-  // A process of this session that cannot be opened (its status is gone),
-  // even of another account.
-  RemoveProcess(m, 200);
-  Process(m, 201, "C:\\Good\\Fusion360.exe", "Fusion360.exe", ::getuid() + 7);
-  std::filesystem::remove(m.prefix.procRoot + "/201/status");
-  r = m.Run({"/status"});
-  EXPECT_EQ(r.exitCode, 5);
-  EXPECT_EQ(r.err, "Cannot read the running Fusion path. Close Fusion normally and retry.\n");
-  // A Fusion run from a network path.
-  RemoveProcess(m, 201);
-  m.prefix.AddProcess(202, "\\\\server\\share\\Fusion\\Fusion360.exe", "Fusion360.exe", ::getuid(), OwnSession(),
-                      "/nonexistent");
-  r = m.Run({"/status"});
-  EXPECT_EQ(r.exitCode, 5);
-  EXPECT_EQ(r.err,
-            "Running Fusion is not on a local drive, so its Add-In profile cannot be used: "
-            "\\\\server\\share\\Fusion\\Fusion360.exe\n");
-  // A process table that cannot be listed.
-  r = m.Run({"/status"}, {{"QUORVANE_PROC_ROOT", m.temp->path() + "/no-such-proc"}});
-  EXPECT_EQ(r.exitCode, 5);
-  EXPECT_EQ(r.err, "Cannot enumerate Fusion processes.\n");
+  const std::vector<std::pair<std::function<void(const Machine&)>, std::string>> rows = {
+      {[](auto& m) { Process(m, 200, "C:\\NoApi\\Fusion360.exe", "Fusion360.exe"); },
+       "Running Fusion lacks the required Electronics API: C:\\NoApi\\Fusion360.exe"},
+      // A process of this session that cannot be opened (its status is gone),
+      // even of another account.
+      {[](auto& m) {
+         Process(m, 201, "C:\\Good\\Fusion360.exe", "Fusion360.exe", ::getuid() + 7);
+         std::filesystem::remove(m.prefix.procRoot + "/201/status");
+       },
+       "Cannot read the running Fusion path. Close Fusion normally and retry."},
+      {[](auto& m) {
+         m.prefix.AddProcess(202, "\\\\server\\share\\Fusion360.exe", "Fusion360.exe", ::getuid(), OwnSession(), "/none");
+       },
+       "Running Fusion is not on a local drive, so its Add-In profile cannot be used: \\\\server\\share\\Fusion360.exe"},
+      // A process table that cannot be listed.
+      {[](auto& m) { std::filesystem::remove_all(m.prefix.procRoot); }, "Cannot enumerate Fusion processes."},
+  };
+  for (const auto& [spoil, message] : rows) {
+    Machine m(tool());
+    MakeFusionInstallation(m.C("Good"));
+    WriteFile(m.C("NoApi/Fusion360.exe"), "MZ");
+    spoil(m);
+    const RunResult r = m.Run({"/status"});
+    EXPECT_EQ(r.exitCode, 5) << message;
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(r.err, message + "\n");
+  }
 }
 
 TEST_P(LiveDiscovery, RestartNotesFollowARunningFusion) {
@@ -206,7 +201,7 @@ TEST_P(LiveDiscovery, RestartNotesFollowARunningFusion) {
                       "Restart Autodesk Fusion to complete removal.\n"))
       << r.out;
   // Without the launcher, no notes.
-  RemoveProcess(m, 400);
+  std::filesystem::remove_all(m.prefix.procRoot + "/400");
   r = m.Run({"/install", "/package", package});
   ASSERT_EQ(r.exitCode, 0) << r.err;
   EXPECT_EQ(r.out.find("Restart"), std::string::npos);

@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <regex>
+#include <sstream>
 
 namespace qv::test {
 
@@ -236,6 +238,62 @@ std::string ProfileScene::TransactionId() const {
 RunResult ProfileScene::Tool(const std::string& action, const EnvChanges& env) const {
   return machine.Run(
       {action, "/test-appdata", Win(roaming), "/test-localappdata", Win(local), "/package", Win(package)}, env);
+}
+
+Before::Before(const ProfileScene& s) : inventory(ReadFile(s.InventoryFile())) {
+  for (std::size_t i = 0; i < s.profiles.size(); ++i) {
+    addIns.push_back(SnapshotTree(s.AddIn(i)));
+    transactions.push_back(s.TransactionDirectories(i));
+  }
+}
+
+void ExpectTree(const std::string& root, const TreeSnapshot& expected, const std::string& what) {
+  const TreeSnapshot now = SnapshotTree(root);
+  EXPECT_EQ(now, expected) << what << "\n" << DescribeTreeDifference(expected, now);
+}
+
+void ExpectCompleted(const ProfileScene& s, const Before& before, const RunResult& r, bool uninstall) {
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(r.err, "");
+  std::string report;
+  for (std::size_t i = 0; i < s.profiles.size(); ++i) {
+    std::vector<std::string> made = s.TransactionDirectories(i);
+    std::erase_if(made, [&](const std::string& id) { return std::ranges::count(before.transactions[i], id) != 0; });
+    ASSERT_EQ(made.size(), 1u) << "profile " << i;
+    const std::string transaction = s.Backups(i) + "/" + made[0];
+    report += "Profile: " + s.Win(s.AddIn(i)) + "\nBackup: " + s.Win(transaction + "/before") + "\n";
+    ExpectTree(s.AddIn(i), uninstall ? TreeSnapshot() : UpdatedAddIn(before.addIns[i]), "add-in " + std::to_string(i));
+    ExpectTree(transaction + "/before", before.addIns[i], "backup " + std::to_string(i));
+    EXPECT_FALSE(Exists(transaction + "/prepared")) << "profile " << i;
+  }
+  EXPECT_EQ(r.out, report + (uninstall ? "Quorvane uninstalled. Settings and ODB++ outputs preserved.\n"
+                                       : "Quorvane installed/updated.\n"));
+  EXPECT_EQ(ReadFile(s.InventoryFile()), uninstall ? before.inventory : s.InstalledInventory());
+}
+
+std::string ExpectRolledBack(const ProfileScene& s, const Before& before, const RunResult& r, std::size_t passed,
+                             const std::string& closing) {
+  EXPECT_EQ(r.exitCode, 6) << r.err;
+  EXPECT_EQ(r.out, "");
+  std::istringstream lines(r.err);
+  std::string failure, recovery;
+  std::getline(lines, failure);
+  std::getline(lines, recovery);
+  // A fixed sentence of the transaction, or a file operation's failure.
+  static const std::regex text(R"re([A-Z][A-Za-z+ ;-]+\.|[a-z_:]+: [^\n]+: "C:\\[^"]*"(, "C:\\[^"]*")?)re");
+  EXPECT_TRUE(std::regex_match(failure, text)) << failure;
+  const std::string id = passed == 0 ? "" : recovery.substr(recovery.rfind('\\') + 1);
+  EXPECT_TRUE(passed == 0 || std::regex_match(id, std::regex("[0-9]+-[0-9]+"))) << r.err;
+  std::string expected = failure + "\n";
+  for (std::size_t i = passed; i-- > 0;) expected += s.RecoveryLine(i, id);
+  EXPECT_EQ(r.err, expected + closing + "\n");
+  if (closing != "Installed profiles restored.") return id;
+  for (std::size_t i = 0; i < s.profiles.size(); ++i) {
+    ExpectTree(s.AddIn(i), before.addIns[i], "add-in " + std::to_string(i));
+    EXPECT_FALSE(Exists(s.Backups(i) + "/" + id + "/before")) << "profile " << i;
+  }
+  EXPECT_EQ(ReadFile(s.InventoryFile()), before.inventory);
+  return id;
 }
 
 }  // namespace qv::test

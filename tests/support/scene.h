@@ -158,4 +158,30 @@ struct ProfileScene {
   RunResult Tool(const std::string& action, const EnvChanges& env = {}) const;
 };
 
+// --- Outcomes of a transaction --------------------------------------------
+
+// What a run may change, read before it.
+struct Before {
+  explicit Before(const ProfileScene& s);
+  std::vector<TreeSnapshot> addIns;
+  std::vector<std::vector<std::string>> transactions;  // directories below Backups(i)
+  std::string inventory;
+};
+
+// The tree at `root` is `expected`; `what` names it in the failure.
+void ExpectTree(const std::string& root, const TreeSnapshot& expected, const std::string& what);
+
+// Exit code 0, a pair of lines per profile naming its add-in and the backup
+// of this run, every add-in new (or gone, uninstalling), the old one in the
+// backup, no prepared add-in left, and the inventory merged (or, uninstalling,
+// as it was).
+void ExpectCompleted(const ProfileScene& s, const Before& before, const RunResult& r, bool uninstall);
+
+// Exit code 6, nothing on standard output; on standard error the failure, a
+// recovery line for each of the first `passed` profiles from the last to the
+// first, and `closing`. When restored, every add-in and the inventory are as
+// they were and no backup is left. Gives the transaction id.
+std::string ExpectRolledBack(const ProfileScene& s, const Before& before, const RunResult& r, std::size_t passed,
+                             const std::string& closing = "Installed profiles restored.");
+
 }  // namespace qv::test
