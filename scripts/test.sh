@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds every configuration and runs all tests:
 # unit and end-to-end tests of the dev build (sanitizers, fault injection),
-# the fuzz targets under libFuzzer for a bounded time, the MinGW-w64 build
+# the fuzz targets under libFuzzer for a bounded time, the MinGW-w64 builds
 # and the checks against Wine. The last line is ctest's summary.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -21,9 +21,11 @@ quiet() {
   fi
 }
 
-echo "== Windows build (MinGW-w64)"
-quiet cmake --preset windows
-quiet cmake --build --preset windows -j"$jobs"
+echo "== Windows builds (MinGW-w64: release, and with fault points)"
+for preset in windows windows-dev; do
+  quiet cmake --preset "$preset"
+  quiet cmake --build --preset "$preset" -j"$jobs"
+done
 
 echo "== Fuzz targets (clang, libFuzzer)"
 quiet cmake --preset fuzz

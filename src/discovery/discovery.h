@@ -39,8 +39,12 @@ void ScanUninstallRegistry(platform::RegKey root, std::uint32_t view, Executable
 WString ReadRegistryPathValue(platform::RegKey key, const WString& valueName);
 void AddUniqueExecutable(ExecutableList& found, const WString& path);
 
-// The Fusion360.exe processes of this session and account.
+// The Fusion360.exe processes of this session and account: canonical paths,
+// and the image path as it stands of one that runs off the drives.
 bool ListRunningFusionExecutables(ExecutableList& running, WString& error);
+// Whether a non-empty path lacks the drive-letter shape ("X:\..."): a network
+// or device path, or a relative one.
+bool IsOffDrivePath(const WString& path);
 bool IsOwnedByCurrentUser(platform::Handle process);
 
 // Discovery on the real machine, from all four sources.

@@ -31,7 +31,13 @@ bool ReconcileInstallations(const ExecutableList& found, const ExecutableList& r
   ExecutableList candidates = found;
 
   // A running Fusion without the API is not passed over: it stops the run.
+  // One that runs from a network or device path has no profile to tie the
+  // add-in to, and is named as such rather than as lacking the API.
   for (const WString& executable : running) {
+    if (IsOffDrivePath(executable)) {
+      error = u"Running Fusion is not on a local drive, so its Add-In profile cannot be used: " + executable;
+      return false;
+    }
     if (!HasElectronicsApi(executable)) {
       error = u"Running Fusion lacks the required Electronics API: " + executable;
       return false;

@@ -7,16 +7,12 @@ namespace {
 
 constexpr std::uint32_t kImageBufferCharacters = 32768;
 
-bool TokenUserSid(platform::Handle process, platform::Sid& sid) {
-  platform::Handle token = platform::kNullHandle;
-  if (!platform::OpenProcessToken(process, platform::kTokenQuery, token)) return false;
-  platform::ScopedHandle tokenHandle(token);
-  const std::uint32_t size = platform::GetTokenUserSize(token);
-  if (size == 0) return false;
-  return platform::GetTokenUser(token, size, sid);
-}
-
 }  // namespace
+
+bool IsOffDrivePath(const WString& path) {
+  const bool driveShape = path.size() >= 3 && path[1] == u':' && IsSeparator(path[2]);
+  return !path.empty() && !driveShape;
+}
 
 bool IsOwnedByCurrentUser(platform::Handle process) {
   platform::Handle ownToken = platform::kNullHandle;
@@ -71,17 +67,16 @@ bool ListRunningFusionExecutables(ExecutableList& running, WString& error) {
       error = u"Cannot read the running Fusion path. Close Fusion normally and retry.";
       return false;
     }
-    const WString canonical = CanonicalPath(image);
-    if (canonical.empty()) {
-      // A Fusion started from a network path or a device path has no
-      // drive-letter path that the add-in profiles could be tied to. Say so
-      // plainly instead of calling it an installation without its API.
-      error = u"Running Fusion is not on a local drive, so its Add-In profile cannot be used: " + image;
-      return false;
-    }
+    // A Fusion started from a network or device path has no canonical
+    // path. Its path goes on as it is, so that reconciliation, which judges
+    // every running entry, can name it; the listing goes on to the other
+    // processes, whose failures come first. A drive path that cannot be
+    // made canonical leaves an empty text.
+    WString listed = CanonicalPath(image);
+    if (listed.empty() && IsOffDrivePath(image)) listed = image;
     bool known = false;
-    for (const WString& path : running) known = known || SamePath(path, canonical);
-    if (!known) running.push_back(canonical);
+    for (const WString& path : running) known = known || SamePath(path, listed);
+    if (!known) running.push_back(listed);
   } while (platform::Process32NextW(snapshot.get(), entry));
   return true;
 }

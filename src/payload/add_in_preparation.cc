@@ -18,12 +18,23 @@ constexpr std::string_view kInstallState = "[Installation]\r\nVersion=0.1.8\r\n"
 // file stream.
 constexpr std::uint32_t kShareReadWrite = 0x1 | 0x2;
 
+platform::Handle CreateStateFile(const WString& path) {
+  return platform::CreateFileW(path, platform::kGenericWrite, kShareReadWrite, platform::kCreateAlways,
+                               platform::kFileAttributeNormal);
+}
+
 // Creates or truncates the state file and writes it whole. False when it
-// cannot be opened or written; the handle is closed either way.
+// cannot be opened or written; the handle is closed either way. A state file
+// that came read-only, hidden or system with the old add-in or the package
+// is made plain first, as Windows does not truncate such a file.
 bool WriteInstallState(const WString& path) {
-  const platform::Handle file = platform::CreateFileW(path, platform::kGenericWrite, kShareReadWrite,
-                                                      platform::kCreateAlways, platform::kFileAttributeNormal);
-  if (file == platform::kInvalidHandle) return false;
+  platform::Handle file = CreateStateFile(path);
+  if (file == platform::kInvalidHandle) {
+    std::uint32_t code = platform::GetLastError();
+    if (!MakeReplaceable(path, code)) return false;
+    file = CreateStateFile(path);
+    if (file == platform::kInvalidHandle) return false;
+  }
   const auto size = static_cast<std::uint32_t>(kInstallState.size());
   std::uint32_t written = 0;
   const bool ok = platform::WriteFile(file, kInstallState.data(), size, written) && written == size;
@@ -48,8 +59,9 @@ bool PrepareAddIn(const WString& packageRoot, const WString& target, WString& er
   const WString binFolder = PathAppend(target, u"Bin");
   std::uint32_t ignored = 0;
   CreateDirectories(binFolder, ignored);
-  if (!platform::CopyFileW(helper, PathAppend(binFolder, u"Quorvane_Helper.exe"), false)) {
-    error = u"Cannot install helper. Error " + SignedDecimalText(static_cast<std::int32_t>(platform::GetLastError()));
+  const std::uint32_t code = CopyFileIntoAddIn(helper, PathAppend(binFolder, u"Quorvane_Helper.exe"));
+  if (code != 0) {
+    error = u"Cannot install helper. Error " + SignedDecimalText(static_cast<std::int32_t>(code));
     return false;
   }
 

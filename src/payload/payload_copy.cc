@@ -28,8 +28,7 @@ std::uint32_t LayEntry(const WalkEntry& entry, const WString& entryTarget) {
     case PathKind::RegularFile:
       CreateDirectories(PathParent(entryTarget), code);
       if (code != 0) return code;
-      if (!platform::CopyFileW(entry.path, entryTarget, false)) return platform::GetLastError();
-      return 0;
+      return CopyFileIntoAddIn(entry.path, entryTarget);
     case PathKind::Unknown:
       throw FilesystemFailure("directory_entry::status", status.error, entry.path);
     case PathKind::Missing:
@@ -40,6 +39,35 @@ std::uint32_t LayEntry(const WalkEntry& entry, const WString& entryTarget) {
 }
 
 }  // namespace
+
+bool MakeReplaceable(const WString& path, std::uint32_t& code) {
+  constexpr std::uint32_t kInTheWay =
+      platform::kFileAttributeReadonly | platform::kFileAttributeHidden | platform::kFileAttributeSystem;
+  if (code != platform::kErrorAccessDenied) return false;
+  const std::uint32_t attributes = platform::GetFileAttributesW(path);
+  if (attributes == platform::kInvalidFileAttributes || (attributes & kInTheWay) == 0 ||
+      (attributes & (platform::kFileAttributeDirectory | platform::kFileAttributeReparsePoint)) != 0) {
+    return false;
+  }
+  std::uint32_t plain = attributes & ~kInTheWay;
+  if (plain == 0) plain = platform::kFileAttributeNormal;
+  if (!platform::SetFileAttributesW(path, plain)) {
+    code = platform::GetLastError();
+    return false;
+  }
+  return true;
+}
+
+std::uint32_t CopyFileIntoAddIn(const WString& from, const WString& to) {
+  // The add-in being built is the tool's own copy. Attributes travel with
+  // each copy, so a file that an earlier copy made read-only or hidden there
+  // (from a package on a CD, or from the old add-in) refuses the next one:
+  // it is made plain, and the copy then brings the source's attributes.
+  if (platform::CopyFileW(from, to, false)) return 0;
+  std::uint32_t code = platform::GetLastError();
+  if (!MakeReplaceable(to, code)) return code;
+  return platform::CopyFileW(from, to, false) ? 0 : platform::GetLastError();
+}
 
 bool CopyAddInPayload(const WString& source, const WString& target, WString& error) {
   // Missing, a file, or a status that cannot be had: all the same to the

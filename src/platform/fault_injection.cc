@@ -8,10 +8,46 @@
 #include <string>
 #include <vector>
 
+#if defined(_WIN32)
+#include <windows.h>
+#endif
+
 #include "platform/platform.h"
 
 namespace qv::platform {
 namespace {
+
+// The two settings come from the environment. On Windows they are read as
+// UTF-16 and the log is opened by its wide name, so that its path is a
+// Windows path with any characters in it (under Wine, Z:\tmp\calls.log is
+// /tmp/calls.log).
+#if defined(_WIN32)
+WString EnvironmentValue(const wchar_t* name) {
+  DWORD size = ::GetEnvironmentVariableW(name, nullptr, 0);
+  if (size == 0) return {};
+  WString value(size, u'\0');
+  DWORD length = ::GetEnvironmentVariableW(name, reinterpret_cast<wchar_t*>(value.data()), size);
+  value.resize(length < size ? length : 0);
+  return value;
+}
+
+std::string FaultRulesText() { return WideToUtf8(EnvironmentValue(L"QUORVANE_FAULTS")); }
+
+std::FILE* OpenCallLog() {
+  WString path = EnvironmentValue(L"QUORVANE_FAULTS_LOG");
+  return path.empty() ? nullptr : ::_wfopen(reinterpret_cast<const wchar_t*>(path.c_str()), L"ab");
+}
+#else
+std::string FaultRulesText() {
+  const char* rules = std::getenv("QUORVANE_FAULTS");
+  return rules != nullptr ? rules : "";
+}
+
+std::FILE* OpenCallLog() {
+  const char* path = std::getenv("QUORVANE_FAULTS_LOG");
+  return path != nullptr && *path != '\0' ? std::fopen(path, "ab") : nullptr;
+}
+#endif
 
 struct FaultRule {
   std::string operation;
@@ -27,10 +63,9 @@ struct FaultState {
 };
 
 // Parses "Op@N=CODE,Op@N=crash". Malformed entries are ignored.
-std::vector<FaultRule> ParseRules(const char* text) {
+std::vector<FaultRule> ParseRules(const std::string& all) {
   std::vector<FaultRule> rules;
-  if (text == nullptr) return rules;
-  std::string all(text);
+  if (all.empty()) return rules;
   std::size_t start = 0;
   while (start <= all.size()) {
     std::size_t end = all.find(',', start);
@@ -62,10 +97,8 @@ std::vector<FaultRule> ParseRules(const char* text) {
 FaultState& State() {
   static FaultState* state = [] {
     auto* s = new FaultState;
-    s->rules = ParseRules(std::getenv("QUORVANE_FAULTS"));
-    if (const char* log = std::getenv("QUORVANE_FAULTS_LOG"); log != nullptr && *log != '\0') {
-      s->log = std::fopen(log, "ab");
-    }
+    s->rules = ParseRules(FaultRulesText());
+    s->log = OpenCallLog();
     return s;
   }();
   return *state;

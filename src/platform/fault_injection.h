@@ -6,6 +6,9 @@
 // "Operation@N=crash" (the process ends at once at the start of that call).
 // QUORVANE_FAULTS_LOG=FILE appends one line per platform call:
 // "Operation arg...", so a test can count the calls and sweep every one.
+// FILE is a path of the build's own system (a Windows path for the .exe).
+// Both backends log the same operation names for the same calls, so one
+// sweep serves both builds.
 #pragma once
 
 #include <cstdint>

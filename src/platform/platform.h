@@ -55,6 +55,10 @@ enum class NodeType { RegularFile, Directory, Other };
 // reparse point the target's information). False and a last error on failure.
 bool GetFileAttributesExW(const WString& path, NodeType& type);
 
+// Sets the read-only, hidden, system and archive bits of a file or folder
+// (kFileAttributeNormal for none of them).
+bool SetFileAttributesW(const WString& path, std::uint32_t attributes);
+
 bool CreateDirectoryW(const WString& path);
 bool MoveFileExW(const WString& from, const WString& to, std::uint32_t flags);
 bool CopyFileW(const WString& from, const WString& to, bool failIfExists);

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "paths/installation.h"
 #include "platform/wstring.h"
 #include "support/environment.h"
 
@@ -93,6 +94,13 @@ WString WinPath(const std::string& relative);
 // writes the file for (executable, appData) records, Windows paths as given.
 std::string InventoryText(const std::vector<std::string>& lines);
 std::string InventoryBytes(const std::vector<std::pair<std::string, std::string>>& records);
+// Records as (executable, appData) pairs, for comparisons that print.
+using RecordPairs = std::vector<std::pair<WString, WString>>;
+inline RecordPairs Pairs(const FusionInstallationList& records) {
+  RecordPairs pairs;
+  for (const FusionInstallation& record : records) pairs.emplace_back(record.executable, record.appData);
+  return pairs;
+}
 
 // A test on a fixture prefix of its own: WINEPREFIX points at it for the
 // life of the test, and is put back afterwards.

@@ -1,11 +1,13 @@
 // The two builds side by side: Quorvane_Setup.exe under wine64 and the
 // native Quorvane_Setup on the same prefix give the same lines, the same
-// exit codes and the same add-in on the disk.
+// exit codes and the same add-in on the disk, and the builds with fault
+// points log the same operations.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <regex>
 
-#include "support/scene.h"
 #include "support/scene.h"
 #include "wine/wine_support.h"
 
@@ -13,6 +15,7 @@ namespace qv::test {
 namespace {
 
 const std::string kWindowsBinary = std::string(QUORVANE_SOURCE_DIR) + "/build/windows/Quorvane_Setup.exe";
+const std::string kWindowsFaultBinary = std::string(QUORVANE_SOURCE_DIR) + "/build/windows-dev/Quorvane_Setup.exe";
 
 struct Outcome {
   int exitCode = -1;
@@ -20,12 +23,26 @@ struct Outcome {
   std::string err;
 };
 
-// Transaction ids (tick and process id) differ from run to run; Wine ends
-// console lines with CR LF.
-std::string Normalise(std::string text) {
-  text = std::regex_replace(text, std::regex("\r\n"), "\n");
+// Transaction ids (tick and process id) differ from run to run.
+std::string Normalise(const std::string& text) {
   return std::regex_replace(text, std::regex("InstallBackups\\\\[0-9]+-[0-9]+"), "InstallBackups\\<id>");
 }
+
+// Everything on C:, where Wine reports no reparse point at the drive's root
+// (its Z: root carries the reparse bit, which would refuse packages there in
+// the Windows build): two webdeploy builds, an installed add-in with a file
+// of its own, and a package.
+void MakeScene(const std::string& base) {
+  std::filesystem::remove_all(base);
+  MakeFusionInstallation(base + "/local/Autodesk/webdeploy/production/b1");
+  MakeFusionInstallation(base + "/local/Autodesk/webdeploy/production/b2");
+  MakeInstalledAddIn(base + "/roaming/Autodesk/Autodesk Fusion 360/API/AddIns/KELDARO_Quorvane/", "old");
+  WriteFile(base + "/roaming/Autodesk/Autodesk Fusion 360/API/AddIns/KELDARO_Quorvane/kept.txt", "kept");
+  MakePackage(base + "/package", "new");
+}
+
+const std::vector<std::string> kIsolated{"/test-appdata", "C:\\QvDiff\\roaming", "/test-localappdata",
+                                         "C:\\QvDiff\\local"};
 
 Outcome RunWindows(const std::string& prefix, const std::vector<std::string>& args) {
   RunResult r = RunUnderWine(prefix, kWindowsBinary, args);
@@ -48,21 +65,11 @@ TEST(WineDifferential, BothBuildsAgreeOnAWholeCycle) {
   if (prefix.empty()) GTEST_SKIP() << "no Wine prefix: wine64 could not be installed or wineboot failed";
   if (!Exists(kWindowsBinary)) GTEST_SKIP() << "no Windows build at " << kWindowsBinary;
 
-  // Everything on C:, where Wine reports no reparse point at the drive's
-  // root (its Z: root carries the reparse bit, which would refuse packages
-  // there in the Windows build).
   const std::string base = prefix + "/drive_c/QvDiff";
   std::map<std::string, std::vector<Outcome>> outcomes;
   std::map<std::string, TreeSnapshot> trees;
   for (const std::string build : {"windows", "native"}) {
-    std::system(("rm -rf '" + base + "'").c_str());
-    MakeFusionInstallation(base + "/local/Autodesk/webdeploy/production/b1");
-    MakeFusionInstallation(base + "/local/Autodesk/webdeploy/production/b2");
-    MakeInstalledAddIn(base + "/roaming/Autodesk/Autodesk Fusion 360/API/AddIns/KELDARO_Quorvane/", "old");
-    WriteFile(base + "/roaming/Autodesk/Autodesk Fusion 360/API/AddIns/KELDARO_Quorvane/kept.txt", "kept");
-    MakePackage(base + "/package", "new");
-    const std::vector<std::string> isolated{"/test-appdata", "C:\\QvDiff\\roaming", "/test-localappdata",
-                                            "C:\\QvDiff\\local"};
+    MakeScene(base);
     auto with = [&](std::vector<std::string> args, const std::vector<std::string>& more) {
       args.insert(args.end(), more.begin(), more.end());
       return args;
@@ -71,12 +78,12 @@ TEST(WineDifferential, BothBuildsAgreeOnAWholeCycle) {
         {},
         {"/bogus"},
         {"/install", "/test-appdata", "x"},
-        with({"/status"}, isolated),
-        with(with({"/install"}, isolated), {"/package", "C:\\QvDiff\\package"}),
-        with({"/status"}, isolated),
-        with(with({"/install"}, isolated), {"/package", "C:\\QvDiff\\nowhere"}),
-        with({"/uninstall"}, isolated),
-        with({"/status"}, isolated),
+        with({"/status"}, kIsolated),
+        with(with({"/install"}, kIsolated), {"/package", "C:\\QvDiff\\package"}),
+        with({"/status"}, kIsolated),
+        with(with({"/install"}, kIsolated), {"/package", "C:\\QvDiff\\nowhere"}),
+        with({"/uninstall"}, kIsolated),
+        with({"/status"}, kIsolated),
     };
     for (const auto& args : runs) {
       outcomes[build].push_back(build == "windows" ? RunWindows(prefix, args) : RunNative(prefix, args));
@@ -93,7 +100,38 @@ TEST(WineDifferential, BothBuildsAgreeOnAWholeCycle) {
   EXPECT_EQ(outcomes["native"][5].exitCode, 0);
   EXPECT_FALSE(trees["native"].empty());
   EXPECT_EQ(trees["windows"], trees["native"]);
-  std::system(("rm -rf '" + base + "'").c_str());
+  std::filesystem::remove_all(base);
+}
+
+// So that one sweep of fault points serves both builds. The steps of the
+// process walk are left out: Wine's table holds its own programs, Linux's
+// every process of the machine.
+TEST(WineDifferential, BothBuildsLogTheSameOperations) {
+  const std::string prefix = SharedWinePrefix();
+  if (prefix.empty()) GTEST_SKIP() << "no Wine prefix: wine64 could not be installed or wineboot failed";
+  if (!Exists(kWindowsFaultBinary)) GTEST_SKIP() << "no Windows build with fault points at " << kWindowsFaultBinary;
+
+  const std::string base = prefix + "/drive_c/QvDiff";
+  TempDir logs;
+  std::vector<std::string> args{"/install", "/package", "C:\\QvDiff\\package"};
+  args.insert(args.end(), kIsolated.begin(), kIsolated.end());
+  std::map<std::string, std::vector<std::string>> operations;
+  for (const std::string build : {"windows", "native"}) {
+    MakeScene(base);
+    const std::string log = logs / (build + ".log");
+    std::string windowsLog = "Z:" + log;
+    std::replace(windowsLog.begin(), windowsLog.end(), '/', '\\');
+    const RunResult run = build == "windows"
+                              ? RunUnderWine(prefix, kWindowsFaultBinary, args, {{"QUORVANE_FAULTS_LOG", windowsLog}})
+                              : test::Run(NativeTool().binary, args, {{"WINEPREFIX", prefix}, {"QUORVANE_FAULTS_LOG", log}});
+    ASSERT_EQ(run.exitCode, 0) << build << ": " << run.out << run.err;
+    for (const LoggedCall& call : ReadCallLog(log)) {
+      if (call.operation != "Process32NextW") operations[build].push_back(call.operation);
+    }
+  }
+  EXPECT_GT(operations["native"].size(), 100u);
+  EXPECT_EQ(operations["windows"], operations["native"]);
+  std::filesystem::remove_all(base);
 }
 
 }  // namespace

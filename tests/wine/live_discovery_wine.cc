@@ -1,87 +1,132 @@
-// Live discovery against a real Wine prefix: an Uninstall key written by
-// Wine's own reg.exe and a Windows process named Fusion360.exe running under
-// wine64 from a portable layout.
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
+// Live discovery against a real Wine prefix, by both builds: Uninstall keys
+// written by Wine's own reg.exe in each root and view, a per-user webdeploy
+// tree, and Windows programs running under wine64 (a portable Fusion360.exe
+// and the launcher). Quorvane_Setup.exe under Wine and the native build give
+// the same lines on the same prefix.
+#include <pwd.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <thread>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <regex>
 
 #include "support/scene.h"
 #include "wine/wine_support.h"
 
-extern char** environ;
-
 namespace qv::test {
 namespace {
 
-bool ProcessNamed(const std::string& name) {
-  RunResult r = test::Run("/bin/sh", {"-c", "cat /proc/[0-9]*/comm 2>/dev/null"});
-  return r.out.find(name + "\n") != std::string::npos;
+const std::string kWindowsBinary = std::string(QUORVANE_SOURCE_DIR) + "/build/windows/Quorvane_Setup.exe";
+
+// The lines of a run, with the transaction ids (tick and process id) that
+// differ from run to run taken out.
+std::string Lines(const RunResult& r) {
+  return std::to_string(r.exitCode) + "\n" +
+         std::regex_replace(r.out + r.err, std::regex("InstallBackups\\\\[0-9]+-[0-9]+"), "InstallBackups\\<id>");
 }
 
-TEST(WinePrefix, RegistryAndRunningFusionAreBothFound) {
+TEST(WinePrefix, LiveDiscoveryGivesTheSameLinesInBothBuilds) {
   const std::string prefix = SharedWinePrefix();
   if (prefix.empty()) GTEST_SKIP() << "no Wine prefix: wine64 could not be installed or wineboot failed";
-  const std::string drive = prefix + "/drive_c";
+  const std::string c = prefix + "/drive_c/";
+  const std::string user = std::string("users/") + ::getpwuid(::getuid())->pw_name + "/AppData/";
+  std::string userWin = "C:\\" + user;
+  std::replace(userWin.begin(), userWin.end(), '/', '\\');
 
-  // An installed Fusion that only the registry names, through a
-  // REG_EXPAND_SZ location, and a portable one that only runs.
-  MakeFusionInstallation(drive + "/Program Files/Autodesk/Fusion Test");
-  MakeFusionInstallation(drive + "/PortableFusion/bin");
-  MakeDirs(drive + "/PortableFusion/PortableData/Roaming/Autodesk/Autodesk Fusion 360/API");
-  MakeDirs(drive + "/PortableFusion/PortableData/Local");
-  test::Run("/bin/cp", {QUORVANE_FUSION_STUB, drive + "/PortableFusion/bin/Fusion360.exe"});
-
-  RunResult reg = RunUnderWine(
-      prefix, "reg",
-      {"add", "HKCU\\Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\QuorvaneTestFusion", "/v",
-       "InstallLocation", "/t", "REG_EXPAND_SZ", "/d", "%ProgramFiles%\\Autodesk\\Fusion Test", "/f"});
-  ASSERT_EQ(reg.exitCode, 0) << reg.out << reg.err;
-  reg = RunUnderWine(prefix, "reg",
-                     {"add", "HKCU\\Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\QuorvaneTestFusion",
-                      "/v", "DisplayName", "/t", "REG_SZ", "/d", "Autodesk Fusion", "/f"});
-  ASSERT_EQ(reg.exitCode, 0) << reg.out << reg.err;
-  WaitForWineServer(prefix);
-
-  // Start the portable Fusion and wait until it shows in /proc.
-  std::vector<std::string> args{"/usr/lib/wine/wine64", "C:\\PortableFusion\\bin\\Fusion360.exe"};
-  std::vector<char*> argv;
-  for (auto& a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  std::string envPrefix = "WINEPREFIX=" + prefix;
-  std::vector<char*> envp;
-  for (char** e = environ; *e != nullptr; ++e) envp.push_back(*e);
-  envp.push_back(envPrefix.data());
-  envp.push_back(const_cast<char*>("WINEDEBUG=-all"));
-  envp.push_back(nullptr);
-  pid_t pid = 0;
-  ASSERT_EQ(posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), envp.data()), 0);
-  for (int i = 0; i < 300 && !ProcessNamed("Fusion360.exe"); ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  // HKCU names a folder through REG_EXPAND_SZ; HKLM's 32-bit view an icon in
+  // a webdeploy tree of several builds, which are all scanned, the icon's
+  // first; its 64-bit view an install location with Fusion in bin.
+  MakeFusionInstallation(c + "Program Files/QvLive/User");
+  for (const char* build : {"b7", "10", "9", "Zulu", "_under"}) {
+    MakeFusionInstallation(c + "QvLive/webdeploy/production/" + build);
   }
-  ASSERT_TRUE(ProcessNamed("Fusion360.exe")) << "the Wine process did not come up";
+  MakeFusionInstallation(c + "QvLive/Machine/bin");
+  for (const char* build : {"x9", "X10"})
+    MakeFusionInstallation(c + user + "Local/Autodesk/webdeploy/production/" + build);
+  MakeFusionInstallation(c + "QvLive/Portable/bin");
+  MakeDirs(c + "QvLive/Portable/PortableData/Roaming/Autodesk/Autodesk Fusion 360/API");
+  MakeDirs(c + "QvLive/Portable/PortableData/Local");
+  MakeDirs(c + user + "Roaming/Autodesk/Autodesk Fusion 360/API");
+  MakePackage(c + "QvLive/package");
+  test::Run("/bin/cp", {QUORVANE_FUSION_STUB, c + "QvLive/Portable/bin/Fusion360.exe"});
+  MakeDirs(c + "QvLive/Launcher");
+  test::Run("/bin/cp", {QUORVANE_FUSION_STUB, c + "QvLive/Launcher/fusionlauncher.exe"});
 
-  RunResult status = test::Run(NativeTool().binary, {"/status"}, {{"WINEPREFIX", prefix}, {"QUORVANE_PROC_ROOT", "/proc"}});
+  const std::string uninstall = "\\Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\";
+  const std::vector<std::vector<std::string>> values{
+      {"HKCU" + uninstall + "QvLiveUser", "DisplayName", "REG_SZ", "Autodesk Fusion"},
+      {"HKCU" + uninstall + "QvLiveUser", "InstallLocation", "REG_EXPAND_SZ", "%ProgramFiles%\\QvLive\\User"},
+      {"HKLM" + uninstall + "QvLive32", "DisplayName", "REG_SZ", "AUTODESK FUSION 360", "/reg:32"},
+      {"HKLM" + uninstall + "QvLive32", "DisplayIcon", "REG_SZ", "\"C:\\QvLive\\webdeploy\\production\\b7\\x.ico\",0",
+       "/reg:32"},
+      {"HKLM" + uninstall + "QvLive64", "DisplayName", "REG_EXPAND_SZ", "Autodesk Fusion", "/reg:64"},
+      {"HKLM" + uninstall + "QvLive64", "InstallLocation", "REG_EXPAND_SZ", "%SystemDrive%\\QvLive\\Machine\\",
+       "/reg:64"},
+  };
+  for (const auto& v : values) {
+    std::vector<std::string> args{"add", v[0], "/v", v[1], "/t", v[2], "/d", v[3], "/f"};
+    if (v.size() > 4) args.push_back(v[4]);
+    const RunResult reg = RunUnderWine(prefix, "reg", args);
+    ASSERT_EQ(reg.exitCode, 0) << v[0] << " " << v[1] << ": " << reg.out << reg.err;
+  }
+  // The registry reaches the files when the server ends; the one started
+  // by the programs below serves the rest of the test.
+  WaitForWineServer(prefix);
+  const int fusion = StartUnderWine(prefix, "C:\\QvLive\\Portable\\bin\\Fusion360.exe");
+  const int launcher = StartUnderWine(prefix, "C:\\QvLive\\Launcher\\fusionlauncher.exe");
+
+  std::map<std::string, std::vector<std::string>> lines;
+  for (const std::string build : {"windows", "native"}) {
+    if (build == "windows" && !Exists(kWindowsBinary)) continue;
+    for (const std::string& state : {c + user + "Roaming/KELDARO", c + user + "Local/Quorvane",
+                                     c + "QvLive/Portable/PortableData/Roaming/KELDARO"}) {
+      std::filesystem::remove_all(state);
+    }
+    for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+             {"/status"}, {"/install", "/package", "C:\\QvLive\\package"}, {"/uninstall"}}) {
+      lines[build].push_back(
+          Lines(build == "windows"
+                    ? RunUnderWine(prefix, kWindowsBinary, args)
+                    : test::Run(NativeTool().binary, args, {{"WINEPREFIX", prefix}, {"QUORVANE_PROC_ROOT", "/proc"}})));
+    }
+  }
+  StopProcess(fusion);
+  StopProcess(launcher);
   test::Run("/usr/lib/wine/wineserver", {"-k"}, {{"WINEPREFIX", prefix}});
-  ::kill(pid, SIGKILL);
-  ::waitpid(pid, nullptr, 0);
+  ASSERT_GT(fusion, 0) << "the portable Fusion did not come up";
+  ASSERT_GT(launcher, 0) << "the launcher did not come up";
 
-  EXPECT_EQ(status.err, "");
-  EXPECT_EQ(status.exitCode, 1);
-  EXPECT_NE(status.out.find("Autodesk Fusion installations: 2\n"
-                            "Path: C:\\Program Files\\Autodesk\\Fusion Test\\Fusion360.exe\n"),
-            std::string::npos)
-      << status.out;
-  EXPECT_NE(status.out.find("Path: C:\\PortableFusion\\bin\\Fusion360.exe\nVersion: \n"
-                            "Add-In path: C:\\PortableFusion\\PortableData\\Roaming\\Autodesk\\Autodesk Fusion 360\\"
-                            "API\\AddIns\\KELDARO_Quorvane\n"),
-            std::string::npos)
-      << status.out;
-  EXPECT_NE(status.out.find("Fusion running: Yes\n"), std::string::npos) << status.out;
+  // Registry entries in the order of the scans (the icon's build before the
+  // others beside it), then the account's webdeploy tree, then the running
+  // portable Fusion with its own profile; webdeploy builds in Windows's order.
+  const std::string tree = "C:\\QvLive\\webdeploy\\production\\";
+  const std::string own = userWin + "Local\\Autodesk\\webdeploy\\production\\";
+  std::string status = "1\nQuorvane v0.1.8\nAutodesk Fusion installations: 10\n";
+  for (const std::string& folder : std::vector<std::string>{
+           "C:\\Program Files\\QvLive\\User", tree + "b7", tree + "10", tree + "9", tree + "Zulu", tree + "_under",
+           "C:\\QvLive\\Machine\\bin", own + "X10", own + "x9", "C:\\QvLive\\Portable\\bin"}) {
+    const std::string profile = folder.starts_with("C:\\QvLive\\Portable")
+                                    ? "C:\\QvLive\\Portable\\PortableData\\Roaming"
+                                    : userWin + "Roaming";
+    status += "Path: " + folder + "\\Fusion360.exe\nVersion: \nAdd-In path: " + profile +
+              "\\Autodesk\\Autodesk Fusion 360\\API\\AddIns\\KELDARO_Quorvane\nAdd-In: Not installed or incomplete\n";
+  }
+  const std::vector<std::string>& native = lines["native"];
+  ASSERT_EQ(native.size(), 3u);
+  EXPECT_EQ(native[0], status + "Fusion running: Yes\n");
+  EXPECT_TRUE(native[1].starts_with("0\n") && native[1].ends_with("\nRestart Autodesk Fusion to activate/update "
+                                                                  "the Quorvane.\n"))
+      << native[1];
+  EXPECT_TRUE(native[2].starts_with("0\n") && native[2].ends_with("\nRestart Autodesk Fusion to complete removal.\n"))
+      << native[2];
+
+  std::filesystem::remove_all(c + "QvLive");
+  std::filesystem::remove_all(c + "Program Files/QvLive");
+  std::filesystem::remove_all(c + user + "Local/Autodesk/webdeploy");
+  if (lines.count("windows") == 0) GTEST_SKIP() << "no Windows build at " << kWindowsBinary << ": native build only";
+  EXPECT_EQ(lines["windows"], native);
 }
 
 }  // namespace

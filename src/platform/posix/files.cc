@@ -121,6 +121,13 @@ bool Fail(std::uint32_t code) {
   return false;
 }
 
+// A file whose mode grants no write to anyone is read-only, as Wine reports
+// it. Windows refuses to replace or write such a file whoever asks, so it is
+// refused here for root too, whom the kernel would let through.
+bool IsReadOnlyFile(const struct stat& st) {
+  return S_ISREG(st.st_mode) && (st.st_mode & (S_IWUSR | S_IWGRP | S_IWOTH)) == 0;
+}
+
 // The attributes of an entry from its lstat.
 std::uint32_t AttributesFrom(struct stat st, const std::string& host, std::size_t depth, const std::string& name,
                              bool& ok) {
@@ -144,6 +151,7 @@ std::uint32_t AttributesFrom(struct stat st, const std::string& host, std::size_
     }
   }
   attributes |= S_ISDIR(st.st_mode) ? kFileAttributeDirectory : kFileAttributeArchive;
+  if (IsReadOnlyFile(st)) attributes |= kFileAttributeReadonly;
   if (!name.empty() && name[0] == '.' && name != "." && name != "..") attributes |= kFileAttributeHidden;
   ok = true;
   return attributes;
@@ -301,60 +309,21 @@ bool CopyRegularFile(const std::string& from, const std::string& to, bool replac
   return ok;
 }
 
-void RemoveTree(const std::string& host) {
-  struct stat st;
-  if (::lstat(host.c_str(), &st) != 0) return;
-  if (S_ISDIR(st.st_mode)) {
-    if (DIR* dir = ::opendir(host.c_str())) {
-      std::vector<std::string> names;
-      while (dirent* e = ::readdir(dir)) {
-        std::string name = e->d_name;
-        if (name != "." && name != "..") names.push_back(name);
-      }
-      ::closedir(dir);
-      for (const std::string& name : names) RemoveTree(host + "/" + name);
-    }
-    ::rmdir(host.c_str());
-  } else {
-    ::unlink(host.c_str());
-  }
+// Whether an entry is a folder to Windows: a folder, or a link to one.
+bool IsFolder(const posix::HostEntry& entry, const struct stat& lstatOfEntry) {
+  if (S_ISDIR(lstatOfEntry.st_mode)) return true;
+  struct stat target;
+  return S_ISLNK(lstatOfEntry.st_mode) && ::stat(entry.path.c_str(), &target) == 0 && S_ISDIR(target.st_mode);
 }
 
-// Copies a whole tree for a move across file systems: folders, files and
-// links as they are.
-bool CopyTree(const std::string& from, const std::string& to, std::uint32_t& error) {
-  struct stat st;
-  if (::lstat(from.c_str(), &st) != 0) {
-    error = CodeFor(errno, from);
-    return false;
-  }
-  if (S_ISLNK(st.st_mode)) {
-    std::vector<char> buffer(PATH_MAX + 1);
-    ssize_t n = ::readlink(from.c_str(), buffer.data(), PATH_MAX);
-    if (n < 0 || ::symlink(std::string(buffer.data(), static_cast<std::size_t>(n)).c_str(), to.c_str()) != 0) {
-      error = ErrnoToWinError(errno);
-      return false;
-    }
-    return true;
-  }
-  if (!S_ISDIR(st.st_mode)) return CopyRegularFile(from, to, false, error);
-  if (::mkdir(to.c_str(), st.st_mode & 07777) != 0) {
+// Copies a file, or a link as a link, for a move across file systems.
+bool CopyEntry(const std::string& from, const struct stat& st, const std::string& to, std::uint32_t& error) {
+  if (!S_ISLNK(st.st_mode)) return CopyRegularFile(from, to, false, error);
+  std::vector<char> buffer(PATH_MAX + 1);
+  ssize_t n = ::readlink(from.c_str(), buffer.data(), PATH_MAX);
+  if (n < 0 || ::symlink(std::string(buffer.data(), static_cast<std::size_t>(n)).c_str(), to.c_str()) != 0) {
     error = ErrnoToWinError(errno);
     return false;
-  }
-  DIR* dir = ::opendir(from.c_str());
-  if (dir == nullptr) {
-    error = ErrnoToWinError(errno);
-    return false;
-  }
-  std::vector<std::string> names;
-  while (dirent* e = ::readdir(dir)) {
-    std::string name = e->d_name;
-    if (name != "." && name != "..") names.push_back(name);
-  }
-  ::closedir(dir);
-  for (const std::string& name : names) {
-    if (!CopyTree(from + "/" + name, to + "/" + name, error)) return false;
   }
   return true;
 }
@@ -404,6 +373,28 @@ bool GetFileAttributesExW(const WString& path, NodeType& type) {
   return true;
 }
 
+bool SetFileAttributesW(const WString& path, std::uint32_t attributes) {
+  QV_FAULT_POINT("SetFileAttributesW", return false, path);
+  posix::HostEntry entry;
+  if (!Resolve(path, entry)) return false;
+  struct stat st;
+  if (!EntryLstat(entry, st)) return Fail(EntryCode(errno, entry));
+  // Only a file's read-only bit has a place on the host, in its mode: taken
+  // away, the owner may write; set, nobody may. Hidden comes from a name
+  // beginning with a dot, and like system and archive it is not kept, as
+  // with Wine on a file system without extended attributes.
+  if (!S_ISREG(st.st_mode)) return true;
+  const mode_t mode = st.st_mode & 07777;
+  mode_t wanted = mode;
+  if ((attributes & kFileAttributeReadonly) != 0) {
+    wanted &= ~static_cast<mode_t>(S_IWUSR | S_IWGRP | S_IWOTH);
+  } else if (IsReadOnlyFile(st)) {
+    wanted |= S_IWUSR;
+  }
+  if (wanted != mode && ::chmod(entry.path.c_str(), wanted) != 0) return Fail(CodeFor(errno, entry.path));
+  return true;
+}
+
 bool CreateDirectoryW(const WString& path) {
   QV_FAULT_POINT("CreateDirectoryW", return false, path);
   posix::HostEntry entry;
@@ -446,21 +437,23 @@ bool MoveFileExW(const WString& from, const WString& to, std::uint32_t flags) {
       if (err == ENOTDIR || err == EISDIR || err == ENOTEMPTY || err == EEXIST) return Fail(kErrorAccessDenied);
       return Fail(ErrnoToWinError(err));
     }
-    if ((flags & kMoveFileCopyAllowed) == 0) return Fail(kErrorNotSameDevice);
-    // Across file systems: copy, then delete the source; a copy that fails
+    // Windows moves no folder to another volume, whatever the flags; a
+    // file it copies there and deletes when allowed to.
+    if ((flags & kMoveFileCopyAllowed) == 0 || IsFolder(sourceEntry, sourceStat)) return Fail(kErrorNotSameDevice);
+    // The copy goes to a name of its own first, so that one that fails
     // leaves the target as it was.
     std::string staging = target + ".qv-move-" + std::to_string(::getpid());
     std::uint32_t error = 0;
-    if (!CopyTree(source, staging, error)) {
-      RemoveTree(staging);
+    if (!CopyEntry(source, sourceStat, staging, error)) {
+      ::unlink(staging.c_str());
       return Fail(error);
     }
     if (::rename(staging.c_str(), target.c_str()) != 0) {
       std::uint32_t code = ErrnoToWinError(errno);
-      RemoveTree(staging);
+      ::unlink(staging.c_str());
       return Fail(code);
     }
-    RemoveTree(source);
+    ::unlink(source.c_str());
   }
   if ((flags & kMoveFileWriteThrough) != 0) {
     SyncFolder(HostParent(target));
@@ -485,6 +478,7 @@ bool CopyFileW(const WString& from, const WString& to, bool failIfExists) {
     if (S_ISDIR(existing.st_mode)) return Fail(kErrorAccessDenied);
     if (failIfExists) return Fail(kErrorFileExists);
     if (existing.st_dev == st.st_dev && existing.st_ino == st.st_ino) return Fail(kErrorSharingViolation);
+    if (IsReadOnlyFile(existing)) return Fail(kErrorAccessDenied);
     replacing = S_ISREG(existing.st_mode);
   }
   std::uint32_t error = 0;
@@ -522,9 +516,15 @@ Handle CreateFileW(const WString& path, std::uint32_t desiredAccess, std::uint32
     default: SetLastError(kErrorInvalidParameter); return kInvalidHandle;
   }
   struct stat st;
-  if (EntryStat(entry, st) && S_ISDIR(st.st_mode)) {
-    SetLastError(kErrorAccessDenied);
-    return kInvalidHandle;
+  if (EntryStat(entry, st)) {
+    // A folder is never opened so; a read-only file is not opened for
+    // writing nor cut short (CREATE_NEW finds it there first).
+    bool truncating = creationDisposition == kCreateAlways || creationDisposition == 5;
+    if (S_ISDIR(st.st_mode) ||
+        (creationDisposition != kCreateNew && IsReadOnlyFile(st) && (write || truncating))) {
+      SetLastError(kErrorAccessDenied);
+      return kInvalidHandle;
+    }
   }
   int fd = ::open(host.c_str(), flags, 0666);
   if (fd < 0) {
@@ -579,26 +579,26 @@ Handle FindFirstFileW(const WString& pattern, FindData& data) {
     return kInvalidHandle;
   }
   auto search = std::make_shared<Search>();
-  std::vector<std::string> names{".", ".."};
+  // "." and ".." first, then the names in the order Windows lists them, not
+  // the order of the Linux file system (a hash order on ext4).
+  for (const char16_t* dots : {u".", u".."}) {
+    if (MatchesPattern(mask, dots)) search->entries.push_back({kFileAttributeDirectory, dots});
+  }
+  std::vector<posix::ListedName> names;
   while (dirent* e = ::readdir(dir)) {
     std::string name = e->d_name;
-    if (name != "." && name != "..") names.push_back(name);
+    if (name == "." || name == "..") continue;
+    WString wide = Utf8ToWide(name);
+    if (MatchesPattern(mask, wide)) names.push_back({std::move(wide), std::move(name), {}});
   }
   ::closedir(dir);
+  posix::SortAsListed(names);
   std::string base = host == "/" ? "" : host;
-  for (const std::string& name : names) {
-    WString wide = Utf8ToWide(name);
-    if (!MatchesPattern(mask, wide)) continue;
-    FindData entry;
-    entry.fileName = wide;
-    if (name == "." || name == "..") {
-      entry.attributes = kFileAttributeDirectory;
-    } else {
-      bool ok = false;
-      entry.attributes = AttributesOf(base + "/" + name, depth + 1, name, ok);
-      if (!ok) continue;  // vanished since the listing
-    }
-    search->entries.push_back(std::move(entry));
+  for (posix::ListedName& name : names) {
+    bool ok = false;
+    std::uint32_t attributes = AttributesOf(base + "/" + name.host, depth + 1, name.host, ok);
+    if (!ok) continue;  // vanished since the listing
+    search->entries.push_back({attributes, std::move(name.name)});
   }
   if (search->entries.empty()) {
     SetLastError(kErrorFileNotFound);

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "platform/wstring.h"
 
@@ -86,5 +87,21 @@ bool AccountSidFromUserReg(WString& sidText);
 
 // The process's working directory in Windows form ("Z:\\home\\x").
 WString CurrentDirectoryWindows();
+
+// The upper case of one UTF-16 code unit, as Wine's case table gives it.
+char16_t UpcaseCodeUnit(char16_t c);
+
+// An entry of a folder listing: its Windows name, its host name, and the key
+// SortAsListed fills in.
+struct ListedName {
+  WString name;
+  std::string host;
+  WString key;
+};
+
+// Sorts entries as Windows lists a folder (NTFS keeps this order, and Wine
+// sorts its listings so): by the names' code units upper-cased one by one,
+// a name before the longer names it begins.
+void SortAsListed(std::vector<ListedName>& names);
 
 }  // namespace qv::platform::posix

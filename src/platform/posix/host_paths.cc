@@ -28,22 +28,13 @@ namespace {
 bool IsDriveLetter(WChar c) { return (c >= u'A' && c <= u'Z') || (c >= u'a' && c <= u'z'); }
 WChar UpperLetter(WChar c) { return (c >= u'a' && c <= u'z') ? static_cast<WChar>(c - 32) : c; }
 
-// Case folding for name lookup: ASCII, Latin-1, Greek and Cyrillic letters,
-// the scripts whose case Wine's lookup folds in practice.
-char32_t FoldCase(char32_t c) {
-  if (c >= U'A' && c <= U'Z') return c + 32;
-  if (c >= 0xC0 && c <= 0xDE && c != 0xD7) return c + 32;
-  if (c >= 0x391 && c <= 0x3AB && c != 0x3A2) return c + 32;
-  if (c >= 0x410 && c <= 0x42F) return c + 32;
-  if (c >= 0x400 && c <= 0x40F) return c + 80;
-  return c;
-}
-
+// Case folding for name lookup: each UTF-16 code unit upper-cased, as Wine
+// compares names. No code unit above ASCII upper-cases to an ASCII letter.
 std::u32string FoldedCodePoints(const std::string& utf8) {
   WString wide = Utf8ToWide(utf8);
   std::u32string out;
   out.reserve(wide.size());
-  for (WChar c : wide) out.push_back(FoldCase(c));
+  for (WChar c : wide) out.push_back(UpcaseCodeUnit(c));
   return out;
 }
 
@@ -134,7 +125,7 @@ std::u32string FoldKey(const std::string& name) {
   if (!IsAscii(name)) return FoldedCodePoints(name);
   std::u32string key(name.begin(), name.end());
   for (char32_t& c : key) {
-    if (c >= U'A' && c <= U'Z') c += 32;
+    if (c >= U'a' && c <= U'z') c -= 32;
   }
   return key;
 }

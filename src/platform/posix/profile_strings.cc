@@ -1,14 +1,11 @@
-// GetPrivateProfileStringW on the Linux host: the file is searched line by
-// line, stopping as soon as the answer is known, so a huge one costs one
-// pass. Its bytes are kept while the file on disk stays the same, so that
-// reading many keys reads the file once, and a rewritten file reads new.
+// GetPrivateProfileStringW on the Linux host: the shared profile reader over
+// the file's bytes, kept while the file on disk stays the same.
 #include "platform/posix/profile_strings.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <string>
 
@@ -17,312 +14,6 @@
 #include "platform/posix/host.h"
 
 namespace qv::platform {
-namespace posix {
-namespace {
-
-constexpr char16_t kReplacement = 0xFFFD;
-
-// Windows-1252 from 0x80 to 0x9F; the five bytes it leaves undefined keep
-// their value, as Wine's table has them. All other bytes are their own code.
-constexpr char16_t kWindows1252High[32] = {
-    0x20AC, 0x0081, 0x201A, 0x0192, 0x201E, 0x2026, 0x2020, 0x2021, 0x02C6, 0x2030, 0x0160,
-    0x2039, 0x0152, 0x008D, 0x017D, 0x008F, 0x0090, 0x2018, 0x2019, 0x201C, 0x201D, 0x2022,
-    0x2013, 0x2014, 0x02DC, 0x2122, 0x0161, 0x203A, 0x0153, 0x009D, 0x017E, 0x0178};
-
-enum class Encoding { Ansi, Utf8, Utf16Le, Utf16Be };
-
-// The code units of the file's text, one at a time.
-class TextUnits {
- public:
-  explicit TextUnits(std::string_view bytes) : bytes_(bytes) {
-    if (StartsWith("\xEF\xBB\xBF")) {
-      encoding_ = Encoding::Utf8;
-      pos_ = 3;
-    } else if (StartsWith("\xFF\xFE")) {
-      encoding_ = Encoding::Utf16Le;
-      pos_ = 2;
-    } else if (StartsWith("\xFE\xFF")) {
-      encoding_ = Encoding::Utf16Be;
-      pos_ = 2;
-    }
-  }
-
-  bool Next(char16_t& unit) {
-    if (pendingLow_ != 0) {
-      unit = pendingLow_;
-      pendingLow_ = 0;
-      return true;
-    }
-    std::size_t left = bytes_.size() - pos_;
-    switch (encoding_) {
-      case Encoding::Ansi: {
-        if (left == 0) return false;
-        auto byte = Byte(pos_++);
-        unit = byte >= 0x80 && byte < 0xA0 ? kWindows1252High[byte - 0x80] : byte;
-        return true;
-      }
-      case Encoding::Utf16Le:
-      case Encoding::Utf16Be: {
-        if (left < 2) return false;  // an odd last byte is no character
-        char16_t low = Byte(pos_);
-        char16_t high = Byte(pos_ + 1);
-        if (encoding_ == Encoding::Utf16Be) std::swap(low, high);
-        unit = static_cast<char16_t>(low | (high << 8));
-        pos_ += 2;
-        return true;
-      }
-      case Encoding::Utf8: {
-        if (left == 0) return false;
-        std::uint32_t code = DecodeUtf8();
-        if (code > 0xFFFF) {
-          code -= 0x10000;
-          unit = static_cast<char16_t>(0xD800 + (code >> 10));
-          pendingLow_ = static_cast<char16_t>(0xDC00 + (code & 0x3FF));
-        } else {
-          unit = static_cast<char16_t>(code);
-        }
-        return true;
-      }
-    }
-    return false;
-  }
-
- private:
-  bool StartsWith(std::string_view mark) const { return bytes_.substr(0, mark.size()) == mark; }
-  std::uint8_t Byte(std::size_t at) const { return static_cast<std::uint8_t>(bytes_[at]); }
-
-  // One character of UTF-8, read as Wine reads it. The first byte sets the
-  // length: C2-DF two bytes, E0-EF three, F0-F4 four; any other byte above
-  // 7F is one U+FFFD by itself. A sequence cut by the end of the text is one
-  // U+FFFD that takes the rest of the text with it. A bad continuation byte,
-  // an overlong form, a surrogate or a value above U+10FFFF gives one U+FFFD
-  // for the bytes accepted so far, and reading goes on behind them.
-  std::uint32_t DecodeUtf8() {
-    std::uint8_t first = Byte(pos_++);
-    if (first < 0x80) return first;
-    std::size_t follow = first >= 0xC2 && first <= 0xDF   ? 1
-                         : first >= 0xE0 && first <= 0xEF ? 2
-                         : first >= 0xF0 && first <= 0xF4 ? 3
-                                                          : 0;
-    if (follow == 0) return kReplacement;
-    if (bytes_.size() - pos_ < follow) {
-      pos_ = bytes_.size();
-      return kReplacement;
-    }
-    std::uint32_t code = first & (0x7Fu >> (follow + 1));
-    const std::size_t end = pos_ + follow;
-    auto continuation = [&](std::size_t at, std::uint32_t& bits) {
-      bits = Byte(at) ^ 0x80u;
-      return bits < 0x40;
-    };
-    std::uint32_t bits = 0;
-    if (follow == 3) {
-      if (!continuation(end - 3, bits)) return kReplacement;
-      code = (code << 6) | bits;
-      ++pos_;
-      if (code < 0x10) return kReplacement;
-    }
-    if (follow >= 2) {
-      if (!continuation(end - 2, bits)) return kReplacement;
-      code = (code << 6) | bits;
-      if (code >= (0x110000 >> 6)) return kReplacement;
-      ++pos_;
-      if (code < 0x20) return kReplacement;
-      if (code >= (0xD800 >> 6) && code <= (0xDFFF >> 6)) return kReplacement;
-    }
-    if (!continuation(end - 1, bits)) return kReplacement;
-    code = (code << 6) | bits;
-    ++pos_;
-    if (code < 0x80) return kReplacement;
-    return code;
-  }
-
-  std::string_view bytes_;
-  std::size_t pos_ = 0;
-  Encoding encoding_ = Encoding::Ansi;
-  char16_t pendingLow_ = 0;
-};
-
-bool IsBlank(char16_t c) { return (c >= 0x09 && c <= 0x0D) || c == 0x1A || c == 0x20; }
-
-WStringView TrimLeft(WStringView text) {
-  std::size_t start = 0;
-  while (start < text.size() && IsBlank(text[start])) ++start;
-  return text.substr(start);
-}
-
-WStringView TrimRight(WStringView text) {
-  std::size_t end = text.size();
-  while (end > 0 && IsBlank(text[end - 1])) --end;
-  return text.substr(0, end);
-}
-
-WStringView Trim(WStringView text) { return TrimRight(TrimLeft(text)); }
-
-WStringView CutAtNul(WStringView text) { return text.substr(0, text.find(u'\0')); }
-
-char16_t FoldAscii(char16_t c) { return c >= u'A' && c <= u'Z' ? static_cast<char16_t>(c + 32) : c; }
-
-bool SameName(WStringView a, WStringView b) {
-  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char16_t x, char16_t y) {
-           return FoldAscii(x) == FoldAscii(y);
-         });
-}
-
-// Copies a value into a buffer of `size` characters: at most size - 1 of
-// them. A value enclosed in a pair of the same quote loses the opening one,
-// and the closing one is dropped after the copy, but only when the buffer
-// could hold the value with it; with one place too few this drops one more
-// character of the value, as Wine does.
-std::uint32_t CopyEntry(WStringView text, WString& value, std::uint32_t size, bool stripQuotes) {
-  value.clear();
-  if (size == 0) return 0;
-  bool quoted = false;
-  if (stripQuotes && text.size() > 1 && (text[0] == u'"' || text[0] == u'\'') && text.back() == text[0]) {
-    quoted = true;
-    text.remove_prefix(1);
-  }
-  value.assign(text.substr(0, std::min<std::size_t>(text.size(), size - 1)));
-  if (quoted && size >= text.size() && !value.empty()) value.pop_back();
-  return static_cast<std::uint32_t>(value.size());
-}
-
-// The default value as the call takes it: up to its first NUL, without
-// trailing spaces, though never shorter than one character.
-WStringView PrepareDefault(WStringView defaultValue) {
-  WStringView text = CutAtNul(defaultValue);
-  std::size_t end = text.size();
-  while (end > 1 && text[end - 1] == u' ') --end;
-  return text.substr(0, end);
-}
-
-enum class LineOutcome { Continue, Found, Missing };
-
-// The search for one key: follows the sections line by line.
-struct Search {
-  WStringView section;
-  WStringView key;
-  bool inSection = false;  // within the first section of the wanted name
-  WStringView value;       // set with Found; null data for a key without "="
-  bool hasValue = false;
-
-  LineOutcome Line(WStringView line) {
-    line = Trim(line);
-    if (line.empty()) return LineOutcome::Continue;
-    if (line[0] == u'[') {
-      std::size_t close = line.rfind(u']');
-      if (close != WStringView::npos && close > 0) {
-        // A new header ends the wanted section; a later one of the same name
-        // is never searched.
-        if (inSection) return LineOutcome::Missing;
-        inSection = SameName(CutAtNul(Trim(line.substr(1, close - 1))), section);
-        return LineOutcome::Continue;
-      }
-    }
-    if (!inSection) return LineOutcome::Continue;
-    std::size_t equals = line.find(u'=');
-    WStringView name = equals == WStringView::npos ? line : TrimRight(line.substr(0, equals));
-    if (!SameName(CutAtNul(name), key)) return LineOutcome::Continue;
-    hasValue = equals != WStringView::npos;
-    if (hasValue) value = CutAtNul(TrimLeft(line.substr(equals + 1)));
-    return LineOutcome::Found;
-  }
-};
-
-// Hands each line of the file's text to `line` until it answers false.
-template <typename LineFn>
-void ForEachLine(std::string_view fileBytes, LineFn&& line) {
-  TextUnits units(fileBytes);
-  WString text;
-  char16_t unit = 0;
-  for (bool more = true; more;) {
-    more = units.Next(unit);
-    if (more && unit != u'\r' && unit != u'\n') {
-      text.push_back(unit);
-      continue;
-    }
-    if (!line(WStringView(text))) return;
-    text.clear();
-  }
-}
-
-WString Folded(WStringView name) {
-  WString folded(name);
-  for (char16_t& c : folded) c = FoldAscii(c);
-  return folded;
-}
-
-}  // namespace
-
-std::uint32_t ReadProfileString(std::string_view fileBytes, WStringView section, WStringView key,
-                                WStringView defaultValue, WString& value, std::uint32_t size) {
-  Search search;
-  search.section = Trim(CutAtNul(section));
-  search.key = Trim(CutAtNul(key));
-  // Lines before the first header belong to the section without a name.
-  search.inSection = search.section.empty();
-
-  LineOutcome outcome = LineOutcome::Continue;
-  WString found;
-  ForEachLine(fileBytes, [&](WStringView line) {
-    outcome = search.Line(line);
-    // The line's text goes with the next one; the value is kept first.
-    if (outcome == LineOutcome::Found && search.hasValue) found.assign(search.value);
-    return outcome == LineOutcome::Continue;
-  });
-  if (outcome == LineOutcome::Found && search.hasValue) return CopyEntry(found, value, size, true);
-  return CopyEntry(PrepareDefault(defaultValue), value, size, true);
-}
-
-ProfileIndex IndexProfile(std::string_view fileBytes) {
-  ProfileIndex index;
-  index.sections.emplace_back();  // the lines before the first header
-  ForEachLine(fileBytes, [&](WStringView line) {
-    line = Trim(line);
-    if (line.empty()) return true;
-    if (line[0] == u'[') {
-      const std::size_t close = line.rfind(u']');
-      if (close != WStringView::npos && close > 0) {
-        const WString name = Folded(CutAtNul(Trim(line.substr(1, close - 1))));
-        index.sections.emplace_back();
-        // Only the first section of a name is ever searched.
-        index.named.emplace(name, index.sections.size() - 1);
-        return true;
-      }
-    }
-    const std::size_t equals = line.find(u'=');
-    const WStringView name = equals == WStringView::npos ? line : TrimRight(line.substr(0, equals));
-    ProfileIndex::Entry entry;
-    entry.hasValue = equals != WStringView::npos;
-    if (entry.hasValue) entry.value = WString(CutAtNul(TrimLeft(line.substr(equals + 1))));
-    // The first line of a key answers for it.
-    index.sections.back().emplace(Folded(CutAtNul(name)), std::move(entry));
-    return true;
-  });
-  return index;
-}
-
-std::uint32_t ReadProfileString(const ProfileIndex& index, WStringView section, WStringView key,
-                                WStringView defaultValue, WString& value, std::uint32_t size) {
-  const WStringView wantedSection = Trim(CutAtNul(section));
-  const ProfileIndex::Section* keys = nullptr;
-  if (wantedSection.empty()) {
-    keys = &index.sections.front();
-  } else if (auto it = index.named.find(Folded(wantedSection)); it != index.named.end()) {
-    keys = &index.sections[it->second];
-  }
-  if (keys != nullptr) {
-    auto entry = keys->find(Folded(Trim(CutAtNul(key))));
-    if (entry != keys->end() && entry->second.hasValue) return CopyEntry(entry->second.value, value, size, true);
-  }
-  return CopyEntry(PrepareDefault(defaultValue), value, size, true);
-}
-
-std::uint32_t UnreadableProfileDefault(WStringView defaultValue, WString& value, std::uint32_t size) {
-  return CopyEntry(PrepareDefault(defaultValue), value, size, false);
-}
-
-}  // namespace posix
 
 namespace {
 
@@ -354,43 +45,17 @@ bool ReadWholeFile(const std::string& host, std::string& bytes, struct stat& st,
   return true;
 }
 
-}  // namespace
-
-namespace {
-
-// Files up to this size are indexed when first read; larger ones are
-// searched line by line for each question, which keeps memory to the file's
-// bytes.
-constexpr std::size_t kIndexedFileLimit = 4 << 20;
-
-// The last profile file read, with what identifies its version on disk.
-struct ProfileCache {
-  bool valid = false;
-  std::string host;
-  dev_t device = 0;
-  ino_t inode = 0;
-  off_t size = 0;
-  timespec modified{};
-  bool indexed = false;
-  posix::ProfileIndex index;  // when indexed
-  std::string bytes;          // otherwise
-};
-
-ProfileCache& Cache() {
-  static ProfileCache* cache = new ProfileCache;
+profile::CachedProfile& Cache() {
+  static profile::CachedProfile* cache = new profile::CachedProfile;
   return *cache;
 }
 
-bool SameVersion(const ProfileCache& cache, const std::string& host, const struct stat& st) {
-  return cache.valid && cache.host == host && cache.device == st.st_dev && cache.inode == st.st_ino &&
-         cache.size == st.st_size && cache.modified.tv_sec == st.st_mtim.tv_sec &&
-         cache.modified.tv_nsec == st.st_mtim.tv_nsec;
-}
-
-std::uint32_t Answer(const ProfileCache& cache, const WString& section, const WString& key,
-                     const WString& defaultValue, WString& value, std::uint32_t size) {
-  if (cache.indexed) return posix::ReadProfileString(cache.index, section, key, defaultValue, value, size);
-  return posix::ReadProfileString(cache.bytes, section, key, defaultValue, value, size);
+// The same file, unchanged: a rewrite or a rename onto it (a new inode)
+// gives another version.
+profile::FileVersion VersionOf(const std::string& host, const struct stat& st) {
+  return {host, static_cast<std::uint64_t>(st.st_dev), static_cast<std::uint64_t>(st.st_ino),
+          static_cast<std::uint64_t>(st.st_size),
+          static_cast<std::uint64_t>(st.st_mtim.tv_sec) * 1000000000u + static_cast<std::uint64_t>(st.st_mtim.tv_nsec)};
 }
 
 }  // namespace
@@ -400,50 +65,33 @@ std::uint32_t GetPrivateProfileStringW(const WString& section, const WString& ke
   QV_FAULT_POINT("GetPrivateProfileStringW", return posix::UnreadableProfileDefault(defaultValue, value, size),
                  section, key, path);
   std::uint32_t error = 0;
-  ProfileCache& cache = Cache();
+  profile::CachedProfile& cache = Cache();
   posix::HostEntry entry;
   const bool resolved = posix::ResolveHostEntry(path, entry, error);
   const std::string host = resolved ? entry.path : std::string();
   // The resolution's lstat stands for the file unless it found a link.
   struct stat st = entry.status;
   const bool known = resolved && entry.state == posix::HostEntry::State::Present && !S_ISLNK(st.st_mode);
-  if (resolved && (known || ::stat(host.c_str(), &st) == 0) && S_ISREG(st.st_mode) && SameVersion(cache, host, st)) {
-    return Answer(cache, section, key, defaultValue, value, size);
+  if (resolved && (known || ::stat(host.c_str(), &st) == 0) && S_ISREG(st.st_mode) &&
+      cache.Holds(VersionOf(host, st))) {
+    return cache.Answer(section, key, defaultValue, value, size);
   }
-  cache.valid = false;
+  cache.Clear();
   std::string bytes;
   if (host.empty() || !ReadWholeFile(host, bytes, st, error)) {
     SetLastError(error);
     // A missing file reads as an empty one; any other failure gives the
     // default as written, quotes and all.
     if (error != kErrorFileNotFound) return posix::UnreadableProfileDefault(defaultValue, value, size);
-    bytes.clear();
-  } else {
-    // Kept while the file stays the same file, unchanged: a rewrite or a
-    // rename onto it (a new inode) is read afresh.
-    cache.host = host;
-    cache.device = st.st_dev;
-    cache.inode = st.st_ino;
-    cache.size = st.st_size;
-    cache.modified = st.st_mtim;
-    cache.indexed = bytes.size() <= kIndexedFileLimit;
-    if (cache.indexed) {
-      cache.index = posix::IndexProfile(bytes);
-      cache.bytes.clear();
-      cache.bytes.shrink_to_fit();
-    } else {
-      cache.index = {};
-      cache.bytes = std::move(bytes);
-    }
-    cache.valid = true;
-    return Answer(cache, section, key, defaultValue, value, size);
+    return posix::ReadProfileString(std::string_view(), section, key, defaultValue, value, size);
   }
-  return posix::ReadProfileString(bytes, section, key, defaultValue, value, size);
+  cache.Store(VersionOf(host, st), std::move(bytes));
+  return cache.Answer(section, key, defaultValue, value, size);
 }
 
 bool FlushPrivateProfileCache([[maybe_unused]] const WString& path) {
   QV_FAULT_POINT("WritePrivateProfileStringW", return false, path);
-  Cache().valid = false;
+  Cache().Clear();
   // Wine answers this call with FALSE
   // and leaves the last error as it was; so does this one. Callers ignore
   // the result.

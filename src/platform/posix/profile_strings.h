@@ -1,66 +1,14 @@
-// Reading one value of an INI file the way GetPrivateProfileStringW does it
-// under Wine, so both builds read the saved inventory alike. Internal to the
-// posix backend; pure functions over the file's bytes, for tests and fuzzing.
-//
-// The file's text:
-// - FF FE starts UTF-16LE, FE FF UTF-16BE, EF BB BF UTF-8; anything else is
-//   8-bit text in Windows-1252 (the code page Wine uses for an English or
-//   C/POSIX host locale; the reader does not follow the host's locale).
-//   Invalid UTF-8 becomes U+FFFD as Wine's decoder gives it; an odd last byte
-//   of UTF-16 is dropped.
-// - Lines end at CR or LF; blanks (TAB, LF, VT, FF, CR, space and the DOS end
-//   of file 0x1A, nothing beyond) are removed at both ends of a line.
-// - "[name]" opens a section: the name lies up to the line's last "]",
-//   without blanks at its ends. Lines before the first header form a section
-//   with the empty name. Only the first section of a name is looked at: a
-//   later section of the same name is never searched.
-// - Other lines are "key=value", split at the first "="; blanks around key and
-//   value are removed. A line without "=" is a key without a value, which
-//   gives the default. ";" starts no comment of its own: ";x=1" is the key
-//   ";x", which no caller asks for.
-// - Names and values end at their first NUL code unit.
-// - Section and key compare with A-Z folded, nothing else.
-// - A value enclosed in a pair of the same quote (" or ') loses them; the
-//   default value loses its trailing spaces (keeping its first character)
-//   and then any pair of quotes too.
+// The Linux host answers GetPrivateProfileStringW with the shared profile
+// reader (platform/profile_reader.h), under the names its tests know.
 #pragma once
 
-#include <cstdint>
-#include <string_view>
-#include <unordered_map>
-#include <vector>
-
-#include "platform/wstring.h"
+#include "platform/profile_reader.h"
 
 namespace qv::platform::posix {
 
-// GetPrivateProfileStringW over a file with these bytes, into a buffer of
-// `size` characters: the value (cut to size - 1) or the default, and its
-// length. A missing file reads as an empty one.
-std::uint32_t ReadProfileString(std::string_view fileBytes, WStringView section, WStringView key,
-                                WStringView defaultValue, WString& value, std::uint32_t size);
-
-// A file's sections and keys, decoded once, for a file that is asked many
-// questions. Names are kept folded; each section holds the first line of
-// each of its keys.
-struct ProfileIndex {
-  struct Entry {
-    bool hasValue = false;  // false for a line without "="
-    WString value;
-  };
-  using Section = std::unordered_map<WString, Entry>;
-  std::vector<Section> sections;  // [0] holds the lines before any header
-  std::unordered_map<WString, std::size_t> named;  // first section of a name
-};
-
-ProfileIndex IndexProfile(std::string_view fileBytes);
-
-// ReadProfileString answered from the index: the same answers.
-std::uint32_t ReadProfileString(const ProfileIndex& index, WStringView section, WStringView key,
-                                WStringView defaultValue, WString& value, std::uint32_t size);
-
-// The answer when the file exists but cannot be opened, or its folder is
-// missing: the default value without its trailing spaces, quotes kept.
-std::uint32_t UnreadableProfileDefault(WStringView defaultValue, WString& value, std::uint32_t size);
+using profile::IndexProfile;
+using profile::ProfileIndex;
+using profile::ReadProfileString;
+using profile::UnreadableProfileDefault;
 
 }  // namespace qv::platform::posix

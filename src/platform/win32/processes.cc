@@ -1,5 +1,6 @@
 // Processes, tokens and shell folders of the seam.
 #include <windows.h>
+#include <objbase.h>
 #include <shlobj.h>
 #include <tlhelp32.h>
 
@@ -46,10 +47,13 @@ std::uint32_t GetCurrentProcessId() {
   return ::GetCurrentProcessId();
 }
 
-Handle GetCurrentProcess() { return FromH(::GetCurrentProcess()); }
+Handle GetCurrentProcess() {
+  QV_FAULT_POINT("GetCurrentProcess", return FromH(::GetCurrentProcess()));
+  return FromH(::GetCurrentProcess());
+}
 
 bool ProcessIdToSessionId(std::uint32_t processId, std::uint32_t& sessionId) {
-  QV_FAULT_POINT("ProcessIdToSessionId", return false);
+  QV_FAULT_POINT("ProcessIdToSessionId", return false, DecimalText(processId));
   DWORD session = 0;
   if (!::ProcessIdToSessionId(processId, &session)) return false;
   sessionId = session;
@@ -57,7 +61,7 @@ bool ProcessIdToSessionId(std::uint32_t processId, std::uint32_t& sessionId) {
 }
 
 Handle OpenProcess(std::uint32_t desiredAccess, std::uint32_t processId) {
-  QV_FAULT_POINT("OpenProcess", return kNullHandle);
+  QV_FAULT_POINT("OpenProcess", return kNullHandle, DecimalText(processId));
   return FromH(::OpenProcess(desiredAccess, FALSE, processId));
 }
 
@@ -72,7 +76,7 @@ QueryImageName LookUpQueryImageName() {
 }  // namespace
 
 bool LookUpQueryFullProcessImageNameW() {
-  QV_FAULT_POINT("GetProcAddress", return false);
+  QV_FAULT_POINT("GetProcAddress", return false, u"QueryFullProcessImageNameW");
   return LookUpQueryImageName() != nullptr;
 }
 
@@ -83,7 +87,7 @@ bool QueryFullProcessImageNameW(Handle process, WString& path, std::uint32_t cap
   std::vector<wchar_t> buffer(capacity, L'\0');
   DWORD size = capacity;
   if (!query(H(process), 0, buffer.data(), &size)) return false;
-  path = win32::FromW(buffer.data(), size);
+  path = win32::PlainPath(win32::FromW(buffer.data(), size));
   return true;
 }
 
@@ -121,6 +125,8 @@ bool EqualSid(const Sid& a, const Sid& b) {
 }
 
 bool ConvertSidToStringSidW(const Sid& sid, WString& text) {
+  QV_FAULT_POINT("LoadLibraryW", return false, u"advapi32.dll");
+  QV_FAULT_POINT("GetProcAddress", return false, u"ConvertSidToStringSidW");
   QV_FAULT_POINT("ConvertSidToStringSidW", return false);
   if (sid.empty()) return false;
   HMODULE advapi = ::LoadLibraryW(L"advapi32.dll");
@@ -140,11 +146,30 @@ bool ConvertSidToStringSidW(const Sid& sid, WString& text) {
   return ok;
 }
 
+namespace {
+// The known folders behind the two CSIDLs the tool asks for.
+constexpr GUID kRoamingAppData = {0x3eb685db, 0x65f9, 0x4cf6, {0xa0, 0x3a, 0xe3, 0xef, 0x65, 0x72, 0x9f, 0x3d}};
+constexpr GUID kLocalAppData = {0xf1b32785, 0x6fba, 0x4fcf, {0x9d, 0x55, 0x7b, 0x8e, 0x7f, 0x15, 0x70, 0x91}};
+}  // namespace
+
 std::int32_t SHGetFolderPathW(int csidl, Handle token, WString& path) {
-  QV_FAULT_POINT("SHGetFolderPathW", return static_cast<std::int32_t>(0x80004005));
+  QV_FAULT_POINT("SHGetFolderPathW", return static_cast<std::int32_t>(HRESULT_FROM_WIN32(::GetLastError())),
+                 DecimalText(static_cast<std::uint32_t>(csidl)));
   wchar_t buffer[MAX_PATH] = {0};
   HRESULT result = ::SHGetFolderPathW(nullptr, csidl, H(token), SHGFP_TYPE_CURRENT, buffer);
   path = win32::FromW(buffer);
+  if (SUCCEEDED(result) || (csidl != CSIDL_APPDATA && csidl != CSIDL_LOCAL_APPDATA)) return result;
+  // The call fails for a folder whose path does not fit its MAX_PATH buffer
+  // (a redirected or deep profile); the known-folder call allocates what the
+  // path needs.
+  wchar_t* known = nullptr;
+  if (SUCCEEDED(::SHGetKnownFolderPath(csidl == CSIDL_APPDATA ? kRoamingAppData : kLocalAppData, 0, H(token),
+                                       &known)) &&
+      known != nullptr) {
+    path = win32::PlainPath(win32::FromW(known));
+    result = S_OK;
+  }
+  ::CoTaskMemFree(known);
   return result;
 }
 

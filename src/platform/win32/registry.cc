@@ -18,7 +18,7 @@ std::int32_t RegOpenKeyExW(RegKey root, const WString& subKey, std::uint32_t opt
 }
 
 std::int32_t RegEnumKeyExW(RegKey key, std::uint32_t index, WString& name, std::uint32_t nameCapacity) {
-  QV_FAULT_POINT_CODE("RegEnumKeyExW");
+  QV_FAULT_POINT_CODE("RegEnumKeyExW", DecimalText(index));
   std::vector<wchar_t> buffer(nameCapacity, L'\0');
   DWORD size = nameCapacity;
   LONG status = ::RegEnumKeyExW(win32::K(key), index, buffer.data(), &size, nullptr, nullptr, nullptr, nullptr);
@@ -38,7 +38,7 @@ std::int32_t RegQueryValueExW(RegKey key, const WString& valueName, std::uint32_
 }
 
 std::int32_t RegCloseKey(RegKey key) {
-  QV_FAULT_POINT_CODE("RegCloseKey");
+  QV_FAULT_POINT_CODE("RegCloseKey", DecimalText(key));
   return ::RegCloseKey(win32::K(key));
 }
 

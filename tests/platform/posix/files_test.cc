@@ -1,271 +1,197 @@
-// The file operations of the Linux host against real folders, links and a
-// prefix's drive map.
+// Host paths and file operations of the Linux host against real folders,
+// links and a prefix's drive map, and the kept folder listings that answer
+// lookups without regard to case while folders change between lookups.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
+#include <filesystem>
+#include <string>
 
 #include "platform/platform.h"
 #include "platform/posix/host.h"
-#include "support/scene.h"
-#include "support/environment.h"
+#include "support/prefix.h"
 
 namespace qv::platform {
 namespace {
 
-using test::Exists;
 using test::MakeDirs;
 using test::MakeSymlink;
 using test::ReadFile;
-using test::TempDir;
 using test::WriteFile;
 
-// A prefix whose C: is drive_c and whose Z: is not mapped (so "/").
-struct PrefixTest : test::PrefixCase {
-  std::string C(const std::string& relative) const { return prefix_.C(relative); }
+struct HostFiles : test::PrefixCase {
+  // The host path of a Windows path, or "" when it has none.
+  static std::string HostOf(const WString& windows) {
+    std::string host;
+    std::uint32_t error = 0;
+    return posix::ToHostPath(windows, host, error) ? host : std::string();
+  }
+  // 0 for success, else the Windows error it left.
+  static std::uint32_t Outcome(bool ok) { return ok ? 0 : GetLastError(); }
 };
 
-TEST_F(PrefixTest, DriveMapAndCaseInsensitiveLookup) {
-  MakeDirs(C("homes/Root/AppData"));
-  std::string host;
-  std::uint32_t error = 0;
-  ASSERT_TRUE(posix::ToHostPath(u"C:\\HOMES\\root\\appdata", host, error));
-  EXPECT_EQ(host, C("homes/Root/AppData"));
-  // Components that do not exist keep their text; the existing part still
-  // resolves without regard to case.
-  ASSERT_TRUE(posix::ToHostPath(u"c:/Homes/ROOT/New/Deeper", host, error));
-  EXPECT_EQ(host, C("homes/Root/New/Deeper"));
-  // Z: is the host's root when the prefix does not map it.
-  ASSERT_TRUE(posix::ToHostPath(u"Z:\\tmp", host, error));
-  EXPECT_EQ(host, "/tmp");
-  // An unmapped drive and a network path have no host path.
-  EXPECT_FALSE(posix::ToHostPath(u"D:\\x", host, error));
-  EXPECT_EQ(error, kErrorPathNotFound);
-  EXPECT_FALSE(posix::ToHostPath(u"\\\\server\\share\\x", host, error));
-  EXPECT_EQ(GetFileAttributesW(u"D:\\x"), kInvalidFileAttributes);
-
-  // Back from host to Windows form: the longest drive target wins, Z: last.
-  WString windows;
-  ASSERT_TRUE(posix::ToWindowsPath(C("users/Root"), windows));
-  EXPECT_EQ(windows, u"C:\\users\\Root");
-  ASSERT_TRUE(posix::ToWindowsPath("/usr/lib", windows));
-  EXPECT_EQ(windows, u"Z:\\usr\\lib");
-  ASSERT_TRUE(posix::ToWindowsPath(temp_ / "prefix/./drive_c/../drive_c", windows));
-  EXPECT_EQ(windows, u"C:\\");
-}
-
-TEST_F(PrefixTest, DanglingDriveLinkAndMissingPrefix) {
-  MakeSymlink("/nonexistent/elsewhere", temp_ / "prefix/dosdevices/e:");
-  EXPECT_EQ(GetFileAttributesW(u"E:\\"), kInvalidFileAttributes);
-  EXPECT_EQ(GetFileAttributesW(u"E:\\x"), kInvalidFileAttributes);
-  ::setenv("WINEPREFIX", (temp_ / "no-such-prefix").c_str(), 1);
-  std::string host;
-  std::uint32_t error = 0;
-  EXPECT_FALSE(posix::ToHostPath(u"C:\\users", host, error));
-  EXPECT_TRUE(posix::ToHostPath(u"Z:\\", host, error));
-}
-
-TEST_F(PrefixTest, FullPathNameNormalises) {
-  WString full;
-  EXPECT_EQ(GetFullPathNameW(u"c:/Users/user/", 32768, full), 14u);
-  EXPECT_EQ(full, u"c:\\Users\\user\\");
-  GetFullPathNameW(u"C:\\a\\..\\b\\.\\c", 32768, full);
-  EXPECT_EQ(full, u"C:\\b\\c");
-  GetFullPathNameW(u"C:\\..\\..", 32768, full);
-  EXPECT_EQ(full, u"C:\\");
-  GetFullPathNameW(u"C:\\a\\\\b", 32768, full);
-  EXPECT_EQ(full, u"C:\\a\\b");
-  GetFullPathNameW(u"C:\\a\\name. . ", 32768, full);
-  EXPECT_EQ(full, u"C:\\a\\name");
-  // Relative forms resolve against the working directory's Windows form.
-  char* cwdBuffer = ::getcwd(nullptr, 0);
-  std::string cwd = cwdBuffer;
-  std::free(cwdBuffer);
-  ASSERT_EQ(::chdir(C("").c_str()), 0);
-  GetFullPathNameW(u"sub\\x", 32768, full);
-  EXPECT_EQ(full, u"C:\\sub\\x");
-  GetFullPathNameW(u"\\rooted", 32768, full);
-  EXPECT_EQ(full, u"C:\\rooted");
-  GetFullPathNameW(u"C:rel", 32768, full);
-  EXPECT_EQ(full, u"C:\\rel");
-  ASSERT_EQ(::chdir(cwd.c_str()), 0);
-  // A result that does not fit reports the size it needs.
-  WString unchanged = u"kept";
-  EXPECT_EQ(GetFullPathNameW(u"C:\\abcdef", 5, unchanged), 10u);
-  EXPECT_EQ(unchanged, u"kept");
-  EXPECT_EQ(GetFullPathNameW(u"", 32768, full), 0u);
-}
-
-TEST_F(PrefixTest, AttributesSeeLinksAsReparsePoints) {
-  MakeDirs(C("real/dir"));
-  WriteFile(C("real/file"), "x");
-  MakeSymlink("real/dir", C("linkdir"));
-  MakeSymlink("real/file", C("linkfile"));
-  MakeSymlink("gone", C("dangling"));
-
-  EXPECT_EQ(GetFileAttributesW(u"C:\\"), kFileAttributeDirectory);  // the drive's own link is no reparse point
-  EXPECT_EQ(GetFileAttributesW(u"C:\\real\\dir"), kFileAttributeDirectory);
-  EXPECT_EQ(GetFileAttributesW(u"C:\\real\\file"), kFileAttributeArchive);
-  EXPECT_EQ(GetFileAttributesW(u"C:\\linkdir"), kFileAttributeDirectory | kFileAttributeReparsePoint);
-  EXPECT_EQ(GetFileAttributesW(u"C:\\linkfile"), kFileAttributeArchive | kFileAttributeReparsePoint);
-  EXPECT_EQ(GetFileAttributesW(u"C:\\dangling"), kFileAttributeArchive | kFileAttributeReparsePoint);
-
-  EXPECT_EQ(GetFileAttributesW(u"C:\\real\\missing"), kInvalidFileAttributes);
-  EXPECT_EQ(GetLastError(), kErrorFileNotFound);
-  EXPECT_EQ(GetFileAttributesW(u"C:\\nothing\\missing"), kInvalidFileAttributes);
-  EXPECT_EQ(GetLastError(), kErrorPathNotFound);
-
-  // The status query follows links.
-  NodeType type;
-  ASSERT_TRUE(GetFileAttributesExW(u"C:\\linkdir", type));
-  EXPECT_EQ(type, NodeType::Directory);
-  ASSERT_TRUE(GetFileAttributesExW(u"C:\\LINKFILE", type));
-  EXPECT_EQ(type, NodeType::RegularFile);
-  EXPECT_FALSE(GetFileAttributesExW(u"C:\\dangling", type));
-  EXPECT_EQ(GetLastError(), kErrorFileNotFound);
-}
-
-TEST_F(PrefixTest, MoveKeepsWindowsOutcomes) {
-  MakeDirs(C("a/inner"));
-  WriteFile(C("a/inner/f"), "old");
-  MakeDirs(C("b"));
-  // An existing folder at the target is never replaced, even when empty.
-  EXPECT_FALSE(MoveFileExW(u"C:\\a", u"C:\\b", kMoveFileReplaceExisting | kMoveFileCopyAllowed));
-  EXPECT_EQ(GetLastError(), kErrorAccessDenied);
-  EXPECT_TRUE(Exists(C("a/inner/f")));
-  EXPECT_TRUE(Exists(C("b")));
-  // The same folder in another case is still an existing folder.
-  MakeDirs(C("Upper"));
-  EXPECT_FALSE(MoveFileExW(u"C:\\a", u"C:\\upper", 3));
-  // A whole tree moves; a missing parent of the target fails with 3.
-  ASSERT_TRUE(MoveFileExW(u"C:\\a", u"C:\\moved", 3));
-  EXPECT_EQ(ReadFile(C("moved/inner/f")), "old");
-  EXPECT_FALSE(MoveFileExW(u"C:\\moved", u"C:\\no\\such\\place", 3));
-  EXPECT_EQ(GetLastError(), kErrorPathNotFound);
-  EXPECT_FALSE(MoveFileExW(u"C:\\absent", u"C:\\x", 3));
-  // A file at the target is replaced only with MOVEFILE_REPLACE_EXISTING.
-  WriteFile(C("f1"), "one");
-  WriteFile(C("f2"), "two");
-  EXPECT_FALSE(MoveFileExW(u"C:\\f1", u"C:\\f2", 0));
-  EXPECT_EQ(GetLastError(), kErrorAlreadyExists);
-  ASSERT_TRUE(MoveFileExW(u"C:\\f1", u"C:\\f2", kMoveFileReplaceExisting | kMoveFileWriteThrough));
-  EXPECT_EQ(ReadFile(C("f2")), "one");
-  EXPECT_FALSE(Exists(C("f1")));
-}
-
-TEST_F(PrefixTest, MoveAcrossFileSystemsCopiesThenDeletes) {
-  struct stat a, b;
-  if (::stat("/dev/shm", &b) != 0 || ::stat(C("").c_str(), &a) != 0 || a.st_dev == b.st_dev) {
-    GTEST_SKIP() << "no second file system at /dev/shm to move across";
+TEST_F(HostFiles, NamesResolveThroughTheDriveMapWithoutRegardToCase) {
+  for (const char* folder : {"homes/Root/AppData", "Top/a/b", "Äpfel", "αλφα", "ΒΗΤΑ", "Яблоко", "ёлка", "ЖУК"}) {
+    MakeDirs(Host(folder));
   }
-  TempDir other;  // may be on the same device as the prefix: use /dev/shm below
-  std::string shm = "/dev/shm/quorvane-move-" + std::to_string(::getpid());
-  MakeDirs(C("tree/sub"));
-  WriteFile(C("tree/sub/f"), "payload");
-  WString target;
-  ASSERT_TRUE(posix::ToWindowsPath(shm, target));
-  EXPECT_FALSE(MoveFileExW(u"C:\\tree", target, kMoveFileReplaceExisting));
-  EXPECT_EQ(GetLastError(), kErrorNotSameDevice);
-  ASSERT_TRUE(MoveFileExW(u"C:\\tree", target, kMoveFileReplaceExisting | kMoveFileCopyAllowed));
-  EXPECT_EQ(ReadFile(shm + "/sub/f"), "payload");
-  EXPECT_FALSE(Exists(C("tree")));
-  std::system(("rm -rf " + shm).c_str());
+  struct Row {
+    const char16_t* windows;
+    std::string host;  // "" when there is none
+  };
+  const Row rows[] = {
+      {u"C:\\HOMES\\root\\appdata", Host("homes/Root/AppData")},
+      // Missing elements keep their text below the part that resolves.
+      {u"c:/Homes/ROOT/New/Deeper", Host("homes/Root/New/Deeper")},
+      {u"C:\\TOP\\A\\b\\M0\\M1", Host("Top/a/b/M0/M1")},
+      {u"C:\\äPFEL", Host("Äpfel")},
+      {u"C:\\ΑΛΦΑ", Host("αλφα")},
+      {u"C:\\βητα", Host("ΒΗΤΑ")},
+      {u"C:\\яБЛОКО", Host("Яблоко")},
+      {u"C:\\ЁЛКА", Host("ёлка")},
+      {u"C:\\жук", Host("ЖУК")},
+      {u"Z:\\tmp", "/tmp"},  // Z: is the host's root unless mapped
+      {u"D:\\x", ""},
+      {u"\\\\server\\share\\x", ""},
+  };
+  // The first pass scans the folders, the second answers from their kept
+  // listings.
+  for (int pass = 0; pass < 2; ++pass) {
+    for (const Row& row : rows) EXPECT_EQ(HostOf(row.windows), row.host) << WideToUtf8(row.windows) << " " << pass;
+  }
 }
 
-TEST_F(PrefixTest, CopyCreateWriteDelete) {
-  WriteFile(C("src"), std::string(200000, 'q'));
-  ::chmod(C("src").c_str(), 0750);
-  ASSERT_TRUE(CopyFileW(u"C:\\src", u"C:\\dst", false));
-  EXPECT_EQ(ReadFile(C("dst")), std::string(200000, 'q'));
+TEST_F(HostFiles, LinksAreReparsePointsAndMissingFilesDifferFromMissingFolders) {
+  MakeDirs(Host("real/dir"));
+  MakeDirs(Host("Top/a/b"));
+  WriteFile(Host("real/file"), "x");
+  MakeSymlink("real/dir", Host("linkdir"));
+  MakeSymlink("real/file", Host("linkfile"));
+  MakeSymlink("gone", Host("dangling"));
+  constexpr std::uint32_t kDir = kFileAttributeDirectory, kFile = kFileAttributeArchive;
+  constexpr std::uint32_t kLink = kFileAttributeReparsePoint, kNone = kInvalidFileAttributes;
+  struct Row {
+    const char16_t* path;
+    std::uint32_t attributes;
+    std::uint32_t error;  // of a missing entry
+  };
+  for (const Row& row : {
+           Row{u"C:\\", kDir, 0},  // the drive's own link is no reparse point
+           Row{u"C:\\REAL\\FILE", kFile, 0},
+           Row{u"C:\\linkdir", kDir | kLink, 0},
+           Row{u"C:\\linkfile", kFile | kLink, 0},
+           Row{u"C:\\dangling", kFile | kLink, 0},
+           Row{u"C:\\real\\missing", kNone, kErrorFileNotFound},
+           Row{u"C:\\linkdir\\missing", kNone, kErrorFileNotFound},
+           Row{u"C:\\TOP\\A\\B\\missing", kNone, kErrorFileNotFound},
+           Row{u"C:\\nothing\\missing", kNone, kErrorPathNotFound},
+           Row{u"C:\\TOP\\A\\nothing\\missing", kNone, kErrorPathNotFound},
+           Row{u"C:\\dangling\\missing", kNone, kErrorPathNotFound},
+           Row{u"C:\\real\\file\\missing", kNone, kErrorPathNotFound},
+           Row{u"D:\\x", kNone, kErrorPathNotFound},
+       }) {
+    EXPECT_EQ(GetFileAttributesW(row.path), row.attributes) << WideToUtf8(row.path);
+    EXPECT_EQ(row.error == 0 ? 0u : GetLastError(), row.error) << WideToUtf8(row.path);
+  }
+}
+
+TEST_F(HostFiles, MovesCopiesAndCreatesKeepWindowsOutcomes) {
+  MakeDirs(Host("a/inner"));
+  MakeDirs(Host("Upper"));
+  WriteFile(Host("f1"), "one");
+  WriteFile(Host("f2"), "two");
+  WriteFile(Host("src"), std::string(70000, 'g'));
+  MakeSymlink("gone", Host("dangling"));
+  // A folder at the target is never replaced, even when empty or in another case.
+  EXPECT_EQ(Outcome(MoveFileExW(u"C:\\a", u"C:\\upper", 0)), kErrorAccessDenied);
+  EXPECT_EQ(Outcome(MoveFileExW(u"C:\\a", u"C:\\upper", kMoveFileReplaceExisting)), kErrorAccessDenied);
+  EXPECT_EQ(Outcome(MoveFileExW(u"C:\\a", u"C:\\moved", 3)), 0u);
+  EXPECT_EQ(Outcome(MoveFileExW(u"C:\\moved", u"C:\\no\\such", 3)), kErrorPathNotFound);
+  EXPECT_EQ(Outcome(MoveFileExW(u"C:\\moved\\absent", u"C:\\x", 3)), kErrorFileNotFound);
+  // A file is replaced only with MOVEFILE_REPLACE_EXISTING.
+  EXPECT_EQ(Outcome(MoveFileExW(u"C:\\f1", u"C:\\f2", 0)), kErrorAlreadyExists);
+  EXPECT_EQ(Outcome(MoveFileExW(u"C:\\f1", u"C:\\F2", kMoveFileReplaceExisting | kMoveFileWriteThrough)), 0u);
+  EXPECT_EQ(ReadFile(Host("f2")), "one");
+
+  // A replaced file holds the source's bytes alone and keeps its own mode.
+  ASSERT_EQ(Outcome(CopyFileW(u"C:\\src", u"C:\\dst", false)), 0u);
+  ::chmod(Host("dst").c_str(), 0640);
+  ASSERT_EQ(Outcome(CopyFileW(u"C:\\F2", u"C:\\DST", false)), 0u);
+  EXPECT_EQ(ReadFile(Host("dst")), "one");
   struct stat st;
-  ::stat(C("dst").c_str(), &st);
-  EXPECT_EQ(st.st_mode & 0777, 0750u);
-  WriteFile(C("src"), "short");
-  ASSERT_TRUE(CopyFileW(u"C:\\src", u"C:\\DST", false));
-  EXPECT_EQ(ReadFile(C("dst")), "short");
-  // A replaced file holds the source's bytes alone, whether it was longer,
-  // as long, or shorter, and keeps its own permissions.
-  ::chmod(C("dst").c_str(), 0640);
-  WriteFile(C("src"), "SHORT");
-  ASSERT_TRUE(CopyFileW(u"C:\\src", u"C:\\dst", false));
-  EXPECT_EQ(ReadFile(C("dst")), "SHORT");
-  WriteFile(C("src"), std::string(70000, 'g'));
-  ASSERT_TRUE(CopyFileW(u"C:\\src", u"C:\\dst", false));
-  EXPECT_EQ(ReadFile(C("dst")), std::string(70000, 'g'));
-  WriteFile(C("src"), "");
-  ASSERT_TRUE(CopyFileW(u"C:\\src", u"C:\\dst", false));
-  EXPECT_EQ(ReadFile(C("dst")), "");
-  ::stat(C("dst").c_str(), &st);
-  EXPECT_EQ(st.st_mode & 0777, 0640u);
-  WriteFile(C("src"), "short");
-  EXPECT_FALSE(CopyFileW(u"C:\\src", u"C:\\dst", true));
-  EXPECT_EQ(GetLastError(), kErrorFileExists);
-  MakeDirs(C("folder"));
-  EXPECT_FALSE(CopyFileW(u"C:\\src", u"C:\\folder", false));
-  EXPECT_EQ(GetLastError(), kErrorAccessDenied);
-  EXPECT_FALSE(CopyFileW(u"C:\\missing", u"C:\\x", false));
-  EXPECT_EQ(GetLastError(), kErrorFileNotFound);
+  EXPECT_EQ(::stat(Host("dst").c_str(), &st) == 0 ? st.st_mode & 0777 : 0, 0640u);
+  EXPECT_EQ(Outcome(CopyFileW(u"C:\\src", u"C:\\dst", true)), kErrorFileExists);
 
-  Handle file = CreateFileW(u"C:\\new.tmp", kGenericWrite, 0, kCreateNew, kFileAttributeNormal);
-  ASSERT_NE(file, kInvalidHandle);
-  std::uint32_t written = 0;
-  ASSERT_TRUE(::qv::platform::WriteFile(file, "abc", 3, written));
-  EXPECT_EQ(written, 3u);
-  EXPECT_TRUE(FlushFileBuffers(file));
-  EXPECT_TRUE(CloseHandle(file));
-  EXPECT_FALSE(CloseHandle(file));
-  EXPECT_EQ(ReadFile(C("new.tmp")), "abc");
+  WriteFile(Host("new.tmp"), "");
   EXPECT_EQ(CreateFileW(u"C:\\NEW.tmp", kGenericWrite, 0, kCreateNew, kFileAttributeNormal), kInvalidHandle);
-  EXPECT_EQ(GetLastError(), kErrorFileExists);
-  EXPECT_EQ(CreateFileW(u"C:\\folder", kGenericWrite, 0, kCreateAlways, kFileAttributeNormal), kInvalidHandle);
-
-  EXPECT_TRUE(DeleteFileW(u"C:\\new.tmp"));
-  EXPECT_FALSE(DeleteFileW(u"C:\\new.tmp"));
-  EXPECT_EQ(GetLastError(), kErrorFileNotFound);
-  EXPECT_FALSE(DeleteFileW(u"C:\\folder"));
-
-  EXPECT_TRUE(CreateDirectoryW(u"C:\\made"));
-  EXPECT_FALSE(CreateDirectoryW(u"C:\\MADE"));
-  EXPECT_EQ(GetLastError(), kErrorAlreadyExists);
-  EXPECT_FALSE(CreateDirectoryW(u"C:\\no\\parent"));
-  EXPECT_EQ(GetLastError(), kErrorPathNotFound);
+  EXPECT_EQ(Outcome(DeleteFileW(u"C:\\new.TMP")), 0u);
+  EXPECT_EQ(Outcome(DeleteFileW(u"C:\\new.tmp")), kErrorFileNotFound);
+  // Something already there, even a dangling link, is never made anew.
+  EXPECT_EQ(Outcome(CreateDirectoryW(u"C:\\DANGLING")), kErrorAlreadyExists);
+  EXPECT_EQ(Outcome(CreateDirectoryW(u"C:\\no\\parent")), kErrorPathNotFound);
 }
 
-TEST_F(PrefixTest, FindListsDotsFirstAndMarksLinks) {
-  MakeDirs(C("scan/Sub"));
-  WriteFile(C("scan/file.txt"), "x");
-  MakeSymlink("Sub", C("scan/link"));
-  FindData data;
-  Handle search = FindFirstFileW(u"C:\\SCAN\\*", data);
-  ASSERT_NE(search, kInvalidHandle);
-  std::vector<FindData> entries{data};
-  while (FindNextFileW(search, data)) entries.push_back(data);
-  EXPECT_EQ(GetLastError(), kErrorNoMoreFiles);
-  EXPECT_TRUE(FindClose(search));
-  ASSERT_EQ(entries.size(), 5u);
-  EXPECT_EQ(entries[0].fileName, u".");
-  EXPECT_EQ(entries[1].fileName, u"..");
-  for (const FindData& entry : entries) {
-    if (entry.fileName == u"Sub") EXPECT_EQ(entry.attributes, kFileAttributeDirectory);
-    if (entry.fileName == u"file.txt") EXPECT_EQ(entry.attributes, kFileAttributeArchive);
-    if (entry.fileName == u"link") EXPECT_EQ(entry.attributes, kFileAttributeDirectory | kFileAttributeReparsePoint);
+// A folder's listing is kept from its second lookup on and followed through
+// the kernel's reports: every answer must be the one a fresh scan gives.
+TEST_F(HostFiles, KeptListingsSeeEveryChange) {
+  MakeDirs(Host("box"));
+  EXPECT_EQ(HostOf(u"C:\\box\\NEW"), Host("box/NEW"));  // not there: as written
+  WriteFile(Host("box/new"), "");
+  EXPECT_EQ(HostOf(u"C:\\box\\NEW"), Host("box/new"));
+  std::filesystem::rename(Host("box/new"), Host("box/Other"));
+  EXPECT_EQ(HostOf(u"C:\\box\\NEW"), Host("box/NEW"));
+  EXPECT_EQ(HostOf(u"C:\\box\\other"), Host("box/Other"));
+  std::filesystem::remove(Host("box/Other"));
+  EXPECT_EQ(HostOf(u"C:\\box\\OTHER"), Host("box/OTHER"));
+  EXPECT_EQ(HostOf(u"C:\\box\\жук"), Host("box/жук"));
+  WriteFile(Host("box/ЖУК"), "");
+  EXPECT_EQ(HostOf(u"C:\\box\\жук"), Host("box/ЖУК"));
+  EXPECT_EQ(Outcome(CopyFileW(u"C:\\BOX\\жук", u"C:\\box\\Copy", false)), 0u);
+  EXPECT_EQ(GetFileAttributesW(u"C:\\BOX\\COPY"), kFileAttributeArchive);
+
+  // A folder replaced at its path, and one removed and made again (its
+  // inode may come back), are read afresh; the one that moved keeps its own.
+  std::filesystem::rename(Host("box"), Host("moved"));
+  MakeDirs(Host("box"));
+  WriteFile(Host("box/File"), "");
+  EXPECT_EQ(HostOf(u"C:\\box\\FILE"), Host("box/File"));
+  EXPECT_EQ(HostOf(u"C:\\moved\\жук"), Host("moved/ЖУК"));
+  std::filesystem::remove_all(Host("box"));
+  MakeDirs(Host("box"));
+  EXPECT_EQ(HostOf(u"C:\\box\\FILE"), Host("box/FILE"));
+
+  // A child process makes and looks up entries of its own; the parent's
+  // listing stays right.
+  EXPECT_EQ(HostOf(u"C:\\box\\FILE"), Host("box/FILE"));
+  EXPECT_EQ(test::RunInChild([&] {
+              WriteFile(Host("box/fromchild"), "");
+              return HostOf(u"C:\\box\\FROMCHILD") == Host("box/fromchild") ? 0 : 1;
+            }).exitCode,
+            0);
+  EXPECT_EQ(HostOf(u"C:\\box\\FromChild"), Host("box/fromchild"));
+  WriteFile(Host("box/file"), "");
+  EXPECT_EQ(HostOf(u"C:\\box\\FILE"), Host("box/file"));
+}
+
+TEST_F(HostFiles, KeptListingsSurviveAQueueOverflowAndEviction) {
+  MakeDirs(Host("busy"));
+  EXPECT_EQ(HostOf(u"C:\\busy\\F0"), Host("busy/F0"));
+  EXPECT_EQ(HostOf(u"C:\\busy\\F0"), Host("busy/F0"));
+  // More changes than the kernel's default queue holds.
+  for (int i = 0; i < 17000; ++i) WriteFile(Host("busy/f" + std::to_string(i)), "");
+  EXPECT_EQ(HostOf(u"C:\\busy\\F0"), Host("busy/f0"));
+  EXPECT_EQ(HostOf(u"C:\\busy\\F16999"), Host("busy/f16999"));
+
+  // More folders than are kept: the first ones are let go and read again.
+  const auto windows = [](int i) { return u"C:\\d" + DecimalText(static_cast<std::uint32_t>(i)) + u"\\X"; };
+  const auto host = [&](int i, const char* name) { return Host("d" + std::to_string(i) + name); };
+  for (int i = 0; i < 300; ++i) {
+    MakeDirs(host(i, ""));
+    EXPECT_EQ(HostOf(windows(i)), host(i, "/X"));
+    EXPECT_EQ(HostOf(windows(i)), host(i, "/X"));
   }
-  EXPECT_EQ(FindFirstFileW(u"C:\\absent\\*", data), kInvalidHandle);
-  EXPECT_EQ(GetLastError(), kErrorPathNotFound);
-  EXPECT_EQ(FindFirstFileW(u"C:\\scan\\*.none", data), kInvalidHandle);
-  EXPECT_EQ(GetLastError(), kErrorFileNotFound);
-}
-
-TEST(HostModule, ModuleFileNameIsAWindowsPath) {
-  WString path;
-  std::uint32_t length = GetModuleFileNameW(path, 32768);
-  ASSERT_GT(length, 3u);
-  EXPECT_EQ(path.size(), length);
-  EXPECT_EQ(path.substr(1, 2), u":\\");
-  WString cut;
-  EXPECT_EQ(GetModuleFileNameW(cut, 4), 4u);
-  EXPECT_EQ(cut.size(), 3u);
+  for (int i = 0; i < 300; ++i) WriteFile(host(i, "/x"), "");
+  for (int i = 0; i < 300; ++i) EXPECT_EQ(HostOf(windows(i)), host(i, "/x"));
 }
 
 }  // namespace

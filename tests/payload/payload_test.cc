@@ -1,0 +1,181 @@
+// Building and judging add-ins on a fixture prefix: the payload copy, the
+// preparation from a package, the health test and the uninstall targets.
+#include "payload/payload.h"
+
+#include <filesystem>
+
+#include "paths/failure.h"
+#include "support/scene.h"
+
+namespace qv::test {
+namespace {
+
+using PayloadTest = PrefixCase;
+
+TEST_F(PayloadTest, AnAddInIsCompleteWithItsSevenRegularFiles) {
+  EXPECT_FALSE(IsAddInHealthy(Win("nowhere")));
+  MakeInstalledAddIn(Host("addIn"));
+  WriteFile(Host("addIn/extra.txt"), "x");
+  std::vector<std::string> files = kAddInFiles;
+  files.push_back("Bin/Quorvane_Helper.exe");
+  for (const std::string& name : files) {
+    const std::string path = Host("addIn/" + name);
+    std::filesystem::rename(path, path + ".away");
+    EXPECT_FALSE(IsAddInHealthy(Win("addIn"))) << name;
+    MakeDirs(path);
+    EXPECT_FALSE(IsAddInHealthy(Win("addIn"))) << name;
+    std::filesystem::remove(path);
+    std::filesystem::rename(path + ".away", path);
+  }
+  std::filesystem::rename(Host("addIn/save_policy.py"), Host("addIn/SAVE_POLICY.PY"));
+  std::filesystem::rename(Host("addIn/Bin"), Host("addIn/bin"));
+  EXPECT_TRUE(IsAddInHealthy(Win("addIn/")));
+}
+
+TEST_F(PayloadTest, CopyLaysTheTreeOverTheTargetAndFollowsLinksWithoutEnteringThem) {
+  WriteFile(Host("src/a.py"), "new a");
+  WriteFile(Host("src/sub/b.py"), "new b");
+  MakeDirs(Host("src/sub/empty"));
+  WriteFile(Host("elsewhere/folder/inside.txt"), "not to be copied");
+  WriteFile(Host("elsewhere/file.txt"), "linked");
+  MakeSymlink(Host("elsewhere/folder"), Host("src/toFolder"));
+  MakeSymlink(Host("elsewhere/file.txt"), Host("src/toFile.txt"));
+  MakeSymlink(Host("elsewhere/nothing"), Host("src/dangling"));
+  WriteFile(Host("dst/a.py"), "old a, longer than the new one");
+  WriteFile(Host("dst/keep.txt"), "kept");
+  WriteFile(Host("dst/sub/c.py"), "old c");
+  const TreeSnapshot expected = {{".", "<dir>"},         {"a.py", "new a"},       {"keep.txt", "kept"},
+                                 {"sub", "<dir>"},       {"sub/b.py", "new b"},   {"sub/c.py", "old c"},
+                                 {"sub/empty", "<dir>"}, {"toFile.txt", "linked"}, {"toFolder", "<dir>"}};
+  for (int pass = 0; pass < 2; ++pass) {  // the second finds everything in place
+    WString error = u"untouched";
+    ASSERT_TRUE(CopyAddInPayload(Win("src"), Win("dst"), error));
+    EXPECT_EQ(error, u"untouched");
+    EXPECT_EQ(SnapshotTree(Host("dst")), expected);
+  }
+
+  // What stops the copy, with nothing made or overwritten.
+  WriteFile(Host("file"), "x");
+  WriteFile(Host("dst2/sub"), "a file where the source has a folder");
+  MakeDirs(Host("src2/sub"));
+  const TreeSnapshot drive = SnapshotTree(Host(""));
+  const struct { std::string source, target; WString error; } rows[] = {
+      {"missing", "out/prepared", u"Package AddIn folder is missing: C:\\missing"},
+      {"file", "out/prepared", u"Package AddIn folder is missing: C:\\file"},
+      {"src2", "file", u"Cannot create Add-In directory. Error 183"},
+      {"src2", "dst2", u"Cannot copy Add-In payload. Error 183"},
+  };
+  for (const auto& row : rows) {
+    WString error;
+    EXPECT_FALSE(CopyAddInPayload(Win(row.source), Win(row.target), error)) << row.source;
+    EXPECT_EQ(error, row.error);
+  }
+  EXPECT_EQ(SnapshotTree(Host("")), drive);
+}
+
+TEST_F(PayloadTest, PreparationLaysThePackageHelperAndStateFileOverThePreparedFolder) {
+  MakePackage(Host("pkg"));
+  WriteFile(Host("pkg/Bin/Other.dll"), "not taken");
+  MakeInstalledAddIn(Host("prepared"), "old");
+  WriteFile(Host("prepared/install-state.ini"), std::string(200, 'x'));
+  WriteFile(Host("prepared/old_only.py"), "carried over");
+  const TreeSnapshot old = SnapshotTree(Host("prepared"));
+  WString error = u"untouched";
+  ASSERT_TRUE(PrepareAddIn(Win("pkg"), Win("prepared"), error));
+  EXPECT_EQ(error, u"untouched");
+  EXPECT_EQ(SnapshotTree(Host("prepared")), UpdatedAddIn(old));
+
+  // What cannot be written in the prepared folder (the package's own parts
+  // are for the plan and the copy to judge). A file named Bin: its creation
+  // is not reported, the copy into it is.
+  WriteFile(Host("t3/Bin"), "file");
+  EXPECT_FALSE(PrepareAddIn(Win("pkg"), Win("t3"), error));
+  EXPECT_EQ(error, u"Cannot install helper. Error 3");
+  // A state file that cannot be opened fails without words.
+  MakeDirs(Host("t4/install-state.ini"));
+  error = u"untouched";
+  EXPECT_FALSE(PrepareAddIn(Win("pkg"), Win("t4"), error));
+  EXPECT_EQ(error, u"untouched");
+}
+
+TEST_F(PayloadTest, UninstallTakesEachProfileThatHoldsTheManifestOnce) {
+  const std::string addIn = "/Autodesk/Autodesk Fusion 360/API/AddIns/KELDARO_Quorvane";
+  for (const std::string profile : {"roaming", "profileB", "profileC"}) MakeInstalledAddIn(Host(profile + addIn));
+  MakeDirs(Host("noManifest" + addIn));
+  MakeDirs(Host("folderManifest" + addIn + "/KELDARO_Quorvane.manifest"));
+  WriteFile(Host("local/Quorvane/Installation.ini"),
+            InventoryBytes({{"C:\\gone\\Fusion360.exe", "C:\\vanished"}, {"C:\\b1\\Fusion360.exe", "C:\\profileB"},
+                            {"C:\\b2\\Fusion360.exe", "C:\\PROFILEB"}, {"C:\\n\\Fusion360.exe", "C:\\noManifest"},
+                            {"C:\\m\\Fusion360.exe", "C:\\folderManifest"}, {"C:\\c\\Fusion360.exe", "C:\\ProfileC"},
+                            {"C:\\r\\Fusion360.exe", "C:\\roaming"}}));
+  // Discovered: profile C in another case, and a profile without the add-in.
+  FusionInstallationList list = {{u"C:\\f\\Fusion360.exe", u"C:\\profilec"}, {u"C:\\x\\Fusion360.exe", u"C:\\x"}};
+  WString error = u"untouched";
+  ASSERT_TRUE(SelectUninstallTargets(Win("roaming"), Win("local"), list, error));
+  EXPECT_EQ(Pairs(list), (RecordPairs{{u"C:\\f\\Fusion360.exe", u"C:\\profilec"}, {u"C:\\x\\Fusion360.exe", u"C:\\x"},
+                                      {u"C:\\b1\\Fusion360.exe", u"C:\\profileB"}, {u"C:\\r\\Fusion360.exe", u"C:\\roaming"}}));
+  // The run's own profile joins without an executable when no record has it.
+  list.clear();
+  ASSERT_TRUE(SelectUninstallTargets(Win("profileC"), Win("nolocal"), list, error));
+  EXPECT_EQ(Pairs(list), (RecordPairs{{u"", u"C:\\profileC"}}));
+
+  // A folder of no drive-letter form names no profile: the manifest's name
+  // alone must not be looked for in the working directory.
+  WriteFile(Host("work/KELDARO_Quorvane.manifest"), "stranger");
+  const std::filesystem::path saved = std::filesystem::current_path();
+  std::filesystem::current_path(Host("work"));
+  list.clear();
+  EXPECT_TRUE(SelectUninstallTargets(u"roaming", Win("nolocal"), list, error));
+  EXPECT_TRUE(SelectUninstallTargets(u"\\\\server\\share\\roaming", Win("nolocal"), list, error));
+  std::filesystem::current_path(saved);
+  EXPECT_TRUE(list.empty());
+  EXPECT_EQ(error, u"untouched");
+}
+
+#if defined(QUORVANE_FAULT_INJECTION)
+
+// Each row runs in a fresh process whose platform calls fail as it says; 0
+// when the outcome is right.
+TEST(PayloadFaults, FailuresOfTheCopyAndOfTheStateFile) {
+  FreshProcessDeathTests fresh;
+  const std::pair<const char*, int (*)(const FixturePrefix&)> rows[] = {
+      // A failed copy gives its code as a signed number; what came before stays.
+      {"CopyFileW@2=0x80070005",
+       [](const FixturePrefix& prefix) {
+         WriteFile(prefix.C("src/a.txt"), "a");
+         WriteFile(prefix.C("src/b.txt"), "b");
+         WString error;
+         if (CopyAddInPayload(WinPath("src"), WinPath("dst"), error)) return 1;
+         return error == u"Cannot copy Add-In payload. Error -2147024891" && SnapshotTree(prefix.C("dst")).size() == 2 ? 0 : 2;
+       }},
+      // An entry whose status cannot be had (the third query) is raised.
+      {"GetFileAttributesExW@3=5",
+       [](const FixturePrefix& prefix) {
+         WriteFile(prefix.C("src/a.txt"), "a");
+         WString error;
+         try {
+           CopyAddInPayload(WinPath("src"), WinPath("dst"), error);
+         } catch (const FilesystemFailure& failure) {
+           return failure.what() == std::string("directory_entry::status: Access denied.: \"C:\\src\\a.txt\"") ? 0 : 1;
+         }
+         return 2;
+       }},
+      // A state file that cannot be written fails without words, after the
+      // payload and the helper are in place.
+      {"WriteFile@1=112",
+       [](const FixturePrefix& prefix) {
+         MakePackage(prefix.C("pkg"));
+         WString error;
+         const bool ok = PrepareAddIn(WinPath("pkg"), WinPath("prepared"), error);
+         return !ok && error.empty() && IsAddInHealthy(WinPath("prepared")) ? 0 : 1;
+       }},
+  };
+  for (const auto& [faults, body] : rows) {
+    EXPECT_EXIT(RunWithFaults(faults, body), ::testing::ExitedWithCode(0), "") << faults;
+  }
+}
+
+#endif
+
+}  // namespace
+}  // namespace qv::test
