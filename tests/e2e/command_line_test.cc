@@ -20,10 +20,10 @@ struct Row {
 void ExpectRows(const Machine& machine, const std::vector<Row>& rows) {
   for (const Row& row : rows) {
     const RunResult r = machine.Run(row.args, row.env);
-    const std::string args = ::testing::PrintToString(row.args);
-    EXPECT_EQ(r.exitCode, row.code) << args << "\n" << r.err;
-    EXPECT_EQ(r.out, row.out) << args;
-    EXPECT_EQ(r.err, row.err) << args;
+    SCOPED_TRACE(::testing::PrintToString(row.args));
+    EXPECT_EQ(r.exitCode, row.code) << r.err;
+    EXPECT_EQ(r.out, row.out);
+    EXPECT_EQ(r.err, row.err);
   }
 }
 

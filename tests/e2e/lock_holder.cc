@@ -7,8 +7,7 @@
 #include "driver/run_lock.h"
 #include "platform/platform.h"
 
-int main(int argc, char** argv) {
-  if (argc < 2) return 2;
+int main(int, char** argv) {
   qv::RunLock lock = qv::AcquireRunLock();
   if (!lock.held) return 1;
   std::puts("held");

@@ -126,7 +126,26 @@ ToolUnderTest NativeTool() {
   return tool;
 }
 
-std::vector<ToolUnderTest> ToolsUnderTest() { return {NativeTool()}; }
+// The .exe of the windows-dev preset (with fault points), else that of the
+// windows preset, under wine64 in the prefix that ctest's fixture made.
+ToolUnderTest WineTool() {
+  ToolUnderTest tool;
+  tool.name = "wine";
+  tool.lockHolder = QUORVANE_LOCK_HOLDER_EXE;
+  for (const char* preset : {"windows", "windows-dev"}) {
+    const std::string exe = std::string(QUORVANE_SOURCE_DIR) + "/build/" + preset + "/Quorvane_Setup.exe";
+    if (Exists(exe)) tool.binary = exe, tool.faults = std::string(preset) == "windows-dev";
+  }
+  const char* prefix = std::getenv("QUORVANE_E2E_WINE_PREFIX");
+  tool.winePrefix = prefix != nullptr && *prefix != '\0' ? prefix : "(none)";
+  if (!Exists("/usr/lib/wine/wine64")) tool.missing = "wine64 is not installed";
+  else if (tool.binary.empty()) tool.missing = "Neither the windows nor the windows-dev preset is built";
+  else if (!Exists(tool.lockHolder)) tool.missing = "No lock_holder.exe (MinGW-w64 missing)";
+  else if (!Exists(tool.winePrefix + "/system.reg")) tool.missing = "No Wine prefix: run through ctest (e2e/wine/prefix)";
+  return tool;
+}
+
+std::vector<ToolUnderTest> ToolsUnderTest() { return {NativeTool(), WineTool()}; }
 
 Machine::Machine(const ToolUnderTest& tool) : tool(tool) {
   if (tool.native()) {
@@ -145,6 +164,13 @@ Machine::Machine(const ToolUnderTest& tool) : tool(tool) {
 std::string Machine::Win(const std::string& hostPath) const {
   if (hostPath.rfind(drive, 0) == 0) return winDrive_ + OneLine(hostPath.substr(drive.size()));
   return "Z:" + OneLine(hostPath);
+}
+
+Background Machine::Start(const std::string& program, const std::vector<std::string>& args) const {
+  if (tool.native()) return Spawn(program, args, prefix.Env());
+  std::vector<std::string> all{program};
+  all.insert(all.end(), args.begin(), args.end());
+  return Spawn("/usr/lib/wine/wine64", all, {{"WINEPREFIX", tool.winePrefix}, {"WINEDEBUG", "-all"}});
 }
 
 RunResult Machine::Run(const std::vector<std::string>& args, EnvChanges env, int timeoutMs) const {

@@ -97,6 +97,9 @@ struct Machine {
   // Runs the tool on this machine; "QUORVANE_FAULTS_LOG" is given as a host
   // path and reaches the .exe in its Windows form. CR LF becomes LF.
   RunResult Run(const std::vector<std::string>& args, EnvChanges env = {}, int timeoutMs = 120000) const;
+  // Starts a program of this build (a Windows one under wine64) on this
+  // machine, in the background.
+  Background Start(const std::string& program, const std::vector<std::string>& args) const;
 
  private:
   std::string winDrive_;  // "C:\" or "C:\e2e\<folder>\"
