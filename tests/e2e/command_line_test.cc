@@ -1,107 +1,103 @@
 // The command line, its messages and exit codes, driven through the built
-// binary against fixture prefixes.
-#include <gtest/gtest.h>
-
+// binary on a machine without Fusion.
 #include "support/scene.h"
-#include "support/environment.h"
 
 namespace qv::test {
 namespace {
 
-constexpr char kUsage[] = "Usage: Quorvane_Setup.exe /install|/update|/uninstall|/status\n";
 constexpr char kEmptyReport[] = "Quorvane v0.1.8\nAutodesk Fusion installations: 0\nFusion running: No\n";
 constexpr char kNotDetected[] = "Autodesk Fusion was not detected. Start Fusion once, then retry.\n";
 constexpr char kUninstalled[] = "Quorvane uninstalled. Settings and ODB++ outputs preserved.\n";
+constexpr char kNoFolders[] = "Required per-user Windows folders are unavailable.\n";
 
-class CommandLineTest : public ::testing::Test {
- protected:
-  void SetUp() override { prefix_ = MakeFixturePrefix(dir_.path()); }
-  RunResult Tool(const std::vector<std::string>& args) { return test::Run(NativeTool().binary, args, prefix_.Env()); }
-  void Expect(const std::vector<std::string>& args, int code, const std::string& out, const std::string& err) {
-    RunResult r = Tool(args);
-    EXPECT_EQ(r.exitCode, code) << "args: " << ::testing::PrintToString(args) << "\nstderr: " << r.err;
-    EXPECT_EQ(r.out, out) << ::testing::PrintToString(args);
-    EXPECT_EQ(r.err, err) << ::testing::PrintToString(args);
-  }
-  TempDir dir_;
-  FixturePrefix prefix_;
+struct Row {
+  std::vector<std::string> args;
+  int code;
+  std::string out, err;
+  EnvChanges env = {};
 };
 
-TEST_F(CommandLineTest, ActionsOnAMachineWithoutFusion) {
-  Expect({}, 2, "", kUsage);
-  Expect({"/status"}, 1, kEmptyReport, "");
-  Expect({"/STATUS"}, 1, kEmptyReport, "");
-  Expect({"/install"}, 5, "", kNotDetected);
-  Expect({"/Update"}, 5, "", kNotDetected);
-  // Uninstalling needs a discovery that succeeded, not a Fusion that was found.
-  Expect({"/uninstall"}, 0, kUninstalled, "");
-  Expect({"/bogus"}, 2, "", "Unknown action.\n");
-  Expect({""}, 2, "", "Unknown action.\n");
-  // No action is ever taken from a prefix of the literal.
-  Expect({"/statusx"}, 2, "", "Unknown action.\n");
-}
-
-TEST_F(CommandLineTest, OptionErrorsComeInTheirOrder) {
-  const std::string missing = "Missing option value.\n";
-  const std::string unknown = "Unknown option.\n";
-  const std::string both = "Both isolated test folders are required.\n";
-  Expect({"/install", "/package"}, 2, "", missing);
-  Expect({"/install", "/bogus"}, 2, "", missing);
-  Expect({"/install", "/bogus", "x"}, 2, "", unknown);
-  Expect({"/package", "x"}, 2, "", missing);
-  Expect({"/package", "x", "y"}, 2, "", unknown);
-  Expect({"/install", "/test-appdata", "a"}, 2, "", both);
-  Expect({"/install", "/test-appdata", "a", "/bogus", "x"}, 2, "", unknown);
-  Expect({"/install", "/test-localappdata", "a", "/package", "p", "/x"}, 2, "", missing);
-  // The value of an option may look like an option; the action stays.
-  Expect({"/status", "/package", "/uninstall"}, 1, kEmptyReport, "");
-  Expect({"/status", "/PACKAGE", "C:\\Pkg", "/package", "D:\\Other"}, 1, kEmptyReport, "");
-  // A bad package passes unnoticed where it is not used.
-  Expect({"/uninstall", "/package", "Q:\\nowhere"}, 0, kUninstalled, "");
-}
-
-TEST_F(CommandLineTest, IsolatedRunsUseTheTestFolders) {
-  MakeDirs(dir_ / "roaming");
-  MakeDirs(dir_ / "local");
-  const std::string roaming = dir_ / "roaming";
-  const std::string local = dir_ / "local";
-  Expect({"/status", "/test-appdata", roaming, "/test-localappdata", local}, 1, kEmptyReport, "");
-  Expect({"/install", "/test-appdata", "a", "/test-appdata", roaming, "/test-localappdata", local}, 5, "", kNotDetected);
-  // Host paths and their Windows forms name the same folders.
-  Expect({"/status", "/Test-AppData", "Z:" + roaming, "/TEST-LOCALAPPDATA", local}, 1, kEmptyReport, "");
-}
-
-TEST(CommandLineFolders, MissingPerUserFoldersEndWithCode3) {
-  TempDir dir;
-  // A prefix that does not exist: no profile list, no C: drive, no folders.
-  std::map<std::string, std::string> env{{"WINEPREFIX", dir / "absent"}, {"QUORVANE_PROC_ROOT", dir.path()}};
-  const std::string message = "Required per-user Windows folders are unavailable.\n";
-  for (const std::vector<std::string>& args :
-       {std::vector<std::string>{"/status"}, {"/status", "/test-appdata", "a", "/test-localappdata", "b"},
-        {"/bogus", "/bogus"}}) {
-    RunResult r = test::Run(NativeTool().binary, args, env);
-    EXPECT_EQ(r.exitCode, 3);
-    EXPECT_EQ(r.err, message);
-    EXPECT_EQ(r.out, "");
+void ExpectRows(const Machine& machine, const std::vector<Row>& rows) {
+  for (const Row& row : rows) {
+    const RunResult r = machine.Run(row.args, row.env);
+    SCOPED_TRACE(::testing::PrintToString(row.args));
+    EXPECT_EQ(r.exitCode, row.code) << r.err;
+    EXPECT_EQ(r.out, row.out);
+    EXPECT_EQ(r.err, row.err);
   }
-  // Garbage registry files read as an empty registry: the same answer.
-  const char garbage[] = "\x00\xff[[[\\x\n\"=\n";
-  WriteFile(dir / "garbage/system.reg", std::string(garbage, sizeof garbage - 1));
-  WriteFile(dir / "garbage/user.reg", "WINE REGISTRY Version 2\n;; All keys relative to");
-  RunResult r = test::Run(NativeTool().binary, {"/status"}, {{"WINEPREFIX", dir / "garbage"}, {"QUORVANE_PROC_ROOT", dir.path()}});
-  EXPECT_EQ(r.exitCode, 3);
-  EXPECT_EQ(r.err, message);
 }
 
-TEST(CommandLineFolders, FoldersFromTheShellOrTheOwnAccountWithoutAProfileList) {
-  TempDir dir;
-  FixturePrefix prefix = MakeFixturePrefix(dir.path(), /*profileList=*/false);
-  // No ProfileList entry: the process's own account names the folders, and
-  // they exist in the prefix, so the run goes on.
-  RunResult r = test::Run(NativeTool().binary, {"/status"}, prefix.Env());
-  EXPECT_EQ(r.exitCode, 1) << r.err;
-  EXPECT_EQ(r.out, kEmptyReport);
+class CommandLine : public EndToEnd {};
+
+TEST_P(CommandLine, ActionsAndOptions) {
+  Machine m(tool());
+  MakeDirs(m.C("Roaming"));
+  MakeDirs(m.C("Local"));
+  const std::string roaming = m.Win(m.C("Roaming")), local = m.Win(m.C("Local"));
+  const std::string missing = "Missing option value.\n", unknown = "Unknown option.\n";
+  const std::string both = "Both isolated test folders are required.\n";
+  ExpectRows(m, {
+                    {{}, 2, "", "Usage: Quorvane_Setup.exe /install|/update|/uninstall|/status\n"},
+                    {{"/STATUS"}, 1, kEmptyReport, ""},
+                    {{"/install"}, 5, "", kNotDetected},
+                    {{"/Update"}, 5, "", kNotDetected},
+                    // Uninstalling needs a discovery that succeeded, not a Fusion that was found.
+                    {{"/uninstall"}, 0, kUninstalled, ""},
+                    {{"/bogus"}, 2, "", "Unknown action.\n"},
+                    {{""}, 2, "", "Unknown action.\n"},
+                    // No action is ever taken from a prefix of the literal.
+                    {{"/statusx"}, 2, "", "Unknown action.\n"},
+                    // Options come in pairs, and their errors in this order.
+                    {{"/install", "/package"}, 2, "", missing},
+                    {{"/install", "/bogus"}, 2, "", missing},
+                    {{"/install", "/bogus", "x"}, 2, "", unknown},
+                    {{"/package", "x"}, 2, "", missing},
+                    {{"/package", "x", "y"}, 2, "", unknown},
+                    {{"/install", "/test-appdata", "a"}, 2, "", both},
+                    {{"/install", "/test-appdata", "a", "/bogus", "x"}, 2, "", unknown},
+                    {{"/install", "/test-localappdata", "a", "/package", "p", "/x"}, 2, "", missing},
+                    // The value of an option may look like an option; the action stays.
+                    {{"/status", "/package", "/uninstall"}, 1, kEmptyReport, ""},
+                    {{"/status", "/PACKAGE", "C:\\Pkg", "/package", "D:\\Other"}, 1, kEmptyReport, ""},
+                    // A bad package passes unnoticed where it is not used.
+                    {{"/uninstall", "/package", "Q:\\nowhere"}, 0, kUninstalled, ""},
+                    // An isolated run looks at the test folders alone; the last value counts.
+                    {{"/Status", "/Test-AppData", roaming, "/TEST-LOCALAPPDATA", local}, 1, kEmptyReport, ""},
+                    {{"/install", "/test-appdata", "a", "/test-appdata", roaming, "/test-localappdata", local}, 5, "",
+                     kNotDetected},
+                });
+  if (!tool().faults) return;
+  // The account's folders cannot be found (neither its profile nor the shell
+  // names the roaming one): every action but the usage ends with 3, before
+  // its options are read.
+  const EnvChanges noFolders{{"QUORVANE_FAULTS", "RegOpenKeyExW@1=2,SHGetFolderPathW@1=5,SHGetFolderPathW@2=5"}};
+  ExpectRows(m, {{{"/status"}, 3, "", kNoFolders, noFolders},
+                 {{"/bogus", "/bogus"}, 3, "", kNoFolders, noFolders},
+                 {{"/status", "/test-appdata", roaming, "/test-localappdata", local}, 3, "", kNoFolders, noFolders}});
 }
+
+TEST_P(CommandLine, HostPathsAndAPrefixWithoutItsFiles) {
+  QV_SKIP_UNLESS(tool().native(), "Only the native build turns host paths into Z:\\ paths and reads prefix files");
+  Machine m(tool());
+  MakeDirs(m.C("Roaming"));
+  const std::string garbage = m.temp->path() + "/garbage";
+  WriteFile(garbage + "/system.reg", std::string("\x00\xff[[[\\x\n\"=\n", 10));
+  WriteFile(garbage + "/user.reg", "WINE REGISTRY Version 2\n;; All keys relative to");
+  ExpectRows(m, {
+                    // Host paths and their Windows forms name the same folders.
+                    {{"/status", "/test-appdata", "Z:" + m.C("Roaming"), "/test-localappdata", m.C("Roaming")}, 1,
+                     kEmptyReport, ""},
+                    // No prefix at all, or registry files that read as empty: no folders.
+                    {{"/status"}, 3, "", kNoFolders, {{"WINEPREFIX", m.temp->path() + "/absent"}}},
+                    {{"/status"}, 3, "", kNoFolders, {{"WINEPREFIX", garbage}}},
+                });
+  // No profile list: the process's own account names the folders, which the
+  // prefix has.
+  m.prefix.WriteRegistry({}, {}, /*profileList=*/false);
+  ExpectRows(m, {{{"/status"}, 1, kEmptyReport, ""}});
+}
+
+QV_E2E_SUITE(CommandLine);
 
 }  // namespace
 }  // namespace qv::test

@@ -20,6 +20,7 @@ namespace qv::test {
 class TempDir {
  public:
   TempDir();
+  explicit TempDir(const std::string& parent);  // below `parent`, made if missing
   ~TempDir();
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;

@@ -1,21 +1,21 @@
 #include "support/scene.h"
 
-#include <dirent.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
-#include <map>
-#include <vector>
-
-#include "platform/wstring.h"
+#include <regex>
+#include <sstream>
 
 namespace qv::test {
 
-const std::vector<std::string> kAddInFiles = {"KELDARO_Quorvane.py", "archive_validation.py", "stackup_compat.py",
-                                              "fusion_spacing.py",   "save_policy.py",        "KELDARO_Quorvane.manifest"};
+namespace fs = std::filesystem;
+
+const std::vector<std::string> kAddInFiles = {"KELDARO_Quorvane.py", "archive_validation.py",
+                                              "stackup_compat.py",   "fusion_spacing.py",
+                                              "save_policy.py",      "KELDARO_Quorvane.manifest"};
 
 void MakeFusionInstallation(const std::string& folder) {
   WriteFile(folder + "/Fusion360.exe", "MZ fusion");
@@ -32,6 +32,30 @@ void WriteAddIn(const std::string& addInFolder, const std::string& binParent, co
   WriteFile(binParent + "/Bin/Quorvane_Helper.exe", tag + ":helper");
 }
 
+void Walk(const fs::path& path, const std::string& relative, TreeSnapshot& snapshot) {
+  std::error_code ec;
+  const fs::file_status status = fs::symlink_status(path, ec);
+  if (ec || !fs::exists(status)) return;
+  if (fs::is_symlink(status)) {
+    snapshot[relative] = "<link:" + fs::read_symlink(path, ec).string() + ">";
+  } else if (fs::is_regular_file(status)) {
+    snapshot[relative] = ReadFile(path);
+  } else if (!fs::is_directory(status)) {
+    snapshot[relative] = "<other>";
+  } else {
+    snapshot[relative] = "<dir>";
+    for (const fs::directory_entry& entry : fs::directory_iterator(path, ec)) {
+      const std::string name = entry.path().filename();
+      Walk(entry.path(), relative == "." ? name : relative + "/" + name, snapshot);
+    }
+  }
+}
+
+std::string OneLine(std::string text) {
+  std::replace(text.begin(), text.end(), '/', '\\');
+  return text;
+}
+
 }  // namespace
 
 void MakePackage(const std::string& folder, const std::string& tag) { WriteAddIn(folder + "/AddIn", folder, tag); }
@@ -39,40 +63,6 @@ void MakePackage(const std::string& folder, const std::string& tag) { WriteAddIn
 void MakeInstalledAddIn(const std::string& addInFolder, const std::string& tag) {
   WriteAddIn(addInFolder, addInFolder, tag);
 }
-
-namespace {
-
-void Walk(const std::string& root, const std::string& relative, TreeSnapshot& snapshot) {
-  const std::string path = relative == "." ? root : root + "/" + relative;
-  struct stat info {};
-  if (::lstat(path.c_str(), &info) != 0) return;
-  if (S_ISLNK(info.st_mode)) {
-    std::vector<char> target(4096);
-    const ssize_t length = ::readlink(path.c_str(), target.data(), target.size());
-    snapshot[relative] = "<link:" + std::string(target.data(), length > 0 ? length : 0) + ">";
-    return;
-  }
-  if (S_ISREG(info.st_mode)) {
-    snapshot[relative] = ReadFile(path);
-    return;
-  }
-  if (!S_ISDIR(info.st_mode)) {
-    snapshot[relative] = "<other>";
-    return;
-  }
-  snapshot[relative] = "<dir>";
-  DIR* folder = ::opendir(path.c_str());
-  if (folder == nullptr) return;
-  std::vector<std::string> names;
-  while (dirent* entry = ::readdir(folder)) {
-    const std::string name = entry->d_name;
-    if (name != "." && name != "..") names.push_back(name);
-  }
-  ::closedir(folder);
-  for (const std::string& name : names) Walk(root, relative == "." ? name : relative + "/" + name, snapshot);
-}
-
-}  // namespace
 
 TreeSnapshot SnapshotTree(const std::string& root) {
   TreeSnapshot snapshot;
@@ -84,28 +74,31 @@ std::string DescribeTreeDifference(const TreeSnapshot& expected, const TreeSnaps
   std::string text;
   for (const auto& [path, content] : expected) {
     auto found = actual.find(path);
-    if (found == actual.end()) {
-      text += "  missing: " + path + "\n";
-    } else if (found->second != content) {
-      text += "  differs: " + path + "\n";
-    }
+    if (found == actual.end() || found->second != content) text += "  missing or differs: " + path + "\n";
   }
   for (const auto& [path, content] : actual) {
-    if (expected.find(path) == expected.end()) text += "  extra:   " + path + "\n";
+    if (expected.count(path) == 0) text += "  extra: " + path + "\n";
   }
   return text;
+}
+
+TreeSnapshot UpdatedAddIn(const TreeSnapshot& old, const std::string& tag) {
+  TreeSnapshot tree = old;
+  tree["."] = tree["Bin"] = "<dir>";
+  for (const std::string& name : kAddInFiles) tree[name] = tag + ":" + name;
+  tree["Bin/Quorvane_Helper.exe"] = tag + ":helper";
+  tree["install-state.ini"] = "[Installation]\r\nVersion=0.1.8\r\n";
+  return tree;
 }
 
 std::vector<LoggedCall> ReadCallLog(const std::string& path) {
   std::vector<LoggedCall> calls;
   std::map<std::string, int> counts;
   std::ifstream in(path, std::ios::binary);
-  std::string line;
-  while (std::getline(in, line)) {
-    LoggedCall call;
+  for (std::string line; std::getline(in, line);) {
+    if (!line.empty() && line.back() == '\r') line.pop_back();
     const std::size_t space = line.find(' ');
-    call.operation = line.substr(0, space);
-    if (space != std::string::npos) call.arguments = line.substr(space + 1);
+    LoggedCall call{line.substr(0, space), space == std::string::npos ? "" : line.substr(space + 1)};
     call.number = ++counts[call.operation];
     calls.push_back(call);
   }
@@ -117,49 +110,92 @@ bool IsWriteOperation(const std::string& operation) {
          operation == "CreateFileW" || operation == "WriteFile" || operation == "FlushFileBuffers";
 }
 
-bool IsStatusQuery(const std::string& operation) {
-  return operation == "GetFileAttributesW" || operation == "GetFileAttributesExW";
-}
-
 std::string FaultAt(const LoggedCall& call, const std::string& code) {
   return call.operation + "@" + std::to_string(call.number) + "=" + code;
 }
 
 ToolUnderTest NativeTool() {
   const char* override = std::getenv("QUORVANE_BINARY");
-  return {"native", override != nullptr && *override != '\0' ? override : QUORVANE_BINARY};
+  ToolUnderTest tool;
+  tool.name = "native";
+  tool.binary = override != nullptr && *override != '\0' ? override : QUORVANE_BINARY;
+  tool.lockHolder = QUORVANE_LOCK_HOLDER;
+#if defined(QUORVANE_FAULT_INJECTION)
+  tool.faults = true;
+#endif
+  return tool;
 }
 
-RunResult ToolUnderTest::Run(const std::vector<std::string>& args, const EnvChanges& env, int timeoutMs) const {
-  return test::Run(binary, args, env, "", timeoutMs);
-}
-
-TreeSnapshot UpdatedAddIn(const TreeSnapshot& old, const std::string& tag) {
-  TreeSnapshot tree = old;
-  tree["."] = "<dir>";
-  for (const std::string& name : kAddInFiles) tree[name] = tag + ":" + name;
-  tree["Bin"] = "<dir>";
-  tree["Bin/Quorvane_Helper.exe"] = tag + ":helper";
-  tree["install-state.ini"] = "[Installation]\r\nVersion=0.1.8\r\n";
-  return tree;
-}
-
-bool IsHealthyTree(const TreeSnapshot& tree) {
-  for (const std::string& name : kAddInFiles) {
-    auto found = tree.find(name);
-    if (found == tree.end() || found->second == "<dir>" || found->second.rfind("<link:", 0) == 0) return false;
+// The .exe of the windows-dev preset (with fault points), else that of the
+// windows preset, under wine64 in the prefix that ctest's fixture made.
+ToolUnderTest WineTool() {
+  ToolUnderTest tool;
+  tool.name = "wine";
+  tool.lockHolder = QUORVANE_LOCK_HOLDER_EXE;
+  for (const char* preset : {"windows", "windows-dev"}) {
+    const std::string exe = std::string(QUORVANE_SOURCE_DIR) + "/build/" + preset + "/Quorvane_Setup.exe";
+    if (Exists(exe)) tool.binary = exe, tool.faults = std::string(preset) == "windows-dev";
   }
-  auto helper = tree.find("Bin/Quorvane_Helper.exe");
-  return helper != tree.end() && helper->second != "<dir>" && helper->second.rfind("<link:", 0) != 0;
+  const char* prefix = std::getenv("QUORVANE_E2E_WINE_PREFIX");
+  tool.winePrefix = prefix != nullptr && *prefix != '\0' ? prefix : "(none)";
+  if (!Exists("/usr/lib/wine/wine64")) tool.missing = "wine64 is not installed";
+  else if (tool.binary.empty()) tool.missing = "Neither the windows nor the windows-dev preset is built";
+  else if (!Exists(tool.lockHolder)) tool.missing = "No lock_holder.exe (MinGW-w64 missing)";
+  else if (!Exists(tool.winePrefix + "/system.reg")) tool.missing = "No Wine prefix: run through ctest (e2e/wine/prefix)";
+  return tool;
 }
 
-ProfileScene::ProfileScene(const std::string& base, std::size_t profileCount, const std::vector<bool>& withAddIn,
-                           ToolUnderTest tool)
-    : folder(base), tool(std::move(tool)) {
-  prefix = MakeFixturePrefix(folder);
-  roaming = prefix.C("R");
-  local = prefix.C("L");
-  package = prefix.C("Pkg");
+std::vector<ToolUnderTest> ToolsUnderTest() { return {NativeTool(), WineTool()}; }
+
+Machine::Machine(const ToolUnderTest& tool) : tool(tool) {
+  if (tool.native()) {
+    temp = std::make_unique<TempDir>();
+    prefix = MakeFixturePrefix(temp->path());
+    drive = prefix.C();
+    winDrive_ = "C:\\";
+  } else {
+    prefix.root = tool.winePrefix;
+    temp = std::make_unique<TempDir>(tool.winePrefix + "/drive_c/e2e");
+    drive = temp->path() + "/";
+    winDrive_ = "C:\\e2e\\" + fs::path(temp->path()).filename().string() + "\\";
+  }
+}
+
+std::string Machine::Win(const std::string& hostPath) const {
+  if (hostPath.rfind(drive, 0) == 0) return winDrive_ + OneLine(hostPath.substr(drive.size()));
+  return "Z:" + OneLine(hostPath);
+}
+
+Background Machine::Start(const std::string& program, const std::vector<std::string>& args) const {
+  if (tool.native()) return Spawn(program, args, prefix.Env());
+  std::vector<std::string> all{program};
+  all.insert(all.end(), args.begin(), args.end());
+  return Spawn("/usr/lib/wine/wine64", all, {{"WINEPREFIX", tool.winePrefix}, {"WINEDEBUG", "-all"}});
+}
+
+RunResult Machine::Run(const std::vector<std::string>& args, EnvChanges env, int timeoutMs) const {
+  if (tool.native()) {
+    for (const auto& [name, value] : prefix.Env()) env.emplace(name, value);
+    return test::Run(tool.binary, args, env, "", timeoutMs);
+  }
+  if (env.count("QUORVANE_FAULTS_LOG") != 0) env["QUORVANE_FAULTS_LOG"] = Win(env["QUORVANE_FAULTS_LOG"]);
+  env["WINEPREFIX"] = tool.winePrefix;
+  env["WINEDEBUG"] = "-all";
+  std::vector<std::string> all{tool.binary};
+  all.insert(all.end(), args.begin(), args.end());
+  RunResult r = test::Run("/usr/lib/wine/wine64", all, env, "", timeoutMs);
+  // Wine's console ends lines with CR LF.
+  for (std::string* text : {&r.out, &r.err}) {
+    for (std::size_t at; (at = text->find("\r\n")) != std::string::npos;) text->erase(at, 1);
+  }
+  return r;
+}
+
+ProfileScene::ProfileScene(const ToolUnderTest& tool, std::size_t profileCount, const std::vector<bool>& withAddIn)
+    : machine(tool) {
+  roaming = machine.C("R");
+  local = machine.C("L");
+  package = machine.C("Pkg");
   MakeDirs(roaming);
   MakeDirs(local);
   MakePackage(package);
@@ -173,20 +209,19 @@ ProfileScene::ProfileScene(const std::string& base, std::size_t profileCount, co
   // The others: installations outside the scanned folder, known from the
   // saved inventory, which names their profiles. The third is also laid out
   // as a portable installation.
-  std::vector<std::pair<std::string, std::string>> saved;
   if (profileCount >= 2) {
-    MakeFusionInstallation(prefix.C("F2"));
-    executables.push_back(prefix.C("F2/Fusion360.exe"));
-    profiles.push_back(prefix.C("P2"));
-    saved.emplace_back(Win(executables.back()), Win(profiles.back()));
+    MakeFusionInstallation(machine.C("F2"));
+    executables.push_back(machine.C("F2/Fusion360.exe"));
+    profiles.push_back(machine.C("P2"));
   }
   if (profileCount >= 3) {
-    MakeFusionInstallation(prefix.C("PP/bin"));
-    MakeDirs(prefix.C("PP/PortableData/Local"));
-    executables.push_back(prefix.C("PP/bin/Fusion360.exe"));
-    profiles.push_back(prefix.C("PP/PortableData/Roaming"));
-    saved.emplace_back(Win(executables.back()), Win(profiles.back()));
+    MakeFusionInstallation(machine.C("PP/bin"));
+    MakeDirs(machine.C("PP/PortableData/Local"));
+    executables.push_back(machine.C("PP/bin/Fusion360.exe"));
+    profiles.push_back(machine.C("PP/PortableData/Roaming"));
   }
+  std::vector<std::pair<std::string, std::string>> saved;
+  for (std::size_t i = 1; i < profiles.size(); ++i) saved.emplace_back(Win(executables[i]), Win(profiles[i]));
   if (!saved.empty()) WriteFile(InventoryFile(), InventoryBytes(saved));
 
   for (std::size_t i = 0; i < profiles.size(); ++i) {
@@ -198,45 +233,93 @@ ProfileScene::ProfileScene(const std::string& base, std::size_t profileCount, co
   }
 }
 
-std::string ProfileScene::Win(const std::string& hostPath) const {
-  const std::string drive = prefix.C("");
-  std::string text = hostPath.rfind(drive, 0) == 0 ? "C:\\" + hostPath.substr(drive.size()) : "Z:" + hostPath;
-  std::replace(text.begin(), text.end(), '/', '\\');
-  return text;
-}
-
-std::string ProfileScene::AddIns(std::size_t i) const {
-  return profiles[i] + "/Autodesk/Autodesk Fusion 360/API/AddIns";
-}
-
-std::string ProfileScene::AddIn(std::size_t i) const { return AddIns(i) + "/KELDARO_Quorvane"; }
-
-std::string ProfileScene::Backups(std::size_t i) const { return profiles[i] + "/KELDARO/Quorvane/InstallBackups"; }
-
-std::vector<std::string> ProfileScene::TransactionDirectories(std::size_t i) const {
-  std::vector<std::string> names;
-  if (DIR* dir = ::opendir(Backups(i).c_str())) {
-    while (dirent* entry = ::readdir(dir)) {
-      const std::string name = entry->d_name;
-      if (name != "." && name != "..") names.push_back(name);
-    }
-    ::closedir(dir);
-  }
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
 std::string ProfileScene::InstalledInventory() const {
   std::vector<std::pair<std::string, std::string>> records;
   for (std::size_t i = 0; i < profiles.size(); ++i) records.emplace_back(Win(executables[i]), Win(profiles[i]));
   return InventoryBytes(records);
 }
 
+std::string ProfileScene::RecoveryLine(std::size_t i, const std::string& id) const {
+  return "Recovery directory: " + Win(Backups(i)) + "\\" + id + "\n";
+}
+
+std::vector<std::string> ProfileScene::TransactionDirectories(std::size_t i) const {
+  std::vector<std::string> names;
+  std::error_code ec;
+  for (const fs::directory_entry& entry : fs::directory_iterator(Backups(i), ec)) {
+    names.push_back(entry.path().filename());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+std::string ProfileScene::TransactionId() const {
+  for (std::size_t i = 0; i < profiles.size(); ++i) {
+    const std::vector<std::string> ids = TransactionDirectories(i);
+    if (ids.size() == 1) return ids[0];
+  }
+  return "";
+}
+
 RunResult ProfileScene::Tool(const std::string& action, const EnvChanges& env) const {
-  EnvChanges all = prefix.Env();
-  for (const auto& [name, value] : env) all[name] = value;
-  return tool.Run({action, "/test-appdata", Win(roaming), "/test-localappdata", Win(local), "/package", Win(package)},
-                  all);
+  return machine.Run(
+      {action, "/test-appdata", Win(roaming), "/test-localappdata", Win(local), "/package", Win(package)}, env);
+}
+
+Before::Before(const ProfileScene& s) : inventory(ReadFile(s.InventoryFile())) {
+  for (std::size_t i = 0; i < s.profiles.size(); ++i) {
+    addIns.push_back(SnapshotTree(s.AddIn(i)));
+    transactions.push_back(s.TransactionDirectories(i));
+  }
+}
+
+void ExpectTree(const std::string& root, const TreeSnapshot& expected, const std::string& what) {
+  const TreeSnapshot now = SnapshotTree(root);
+  EXPECT_EQ(now, expected) << what << "\n" << DescribeTreeDifference(expected, now);
+}
+
+void ExpectCompleted(const ProfileScene& s, const Before& before, const RunResult& r, bool uninstall) {
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(r.err, "");
+  std::string report;
+  for (std::size_t i = 0; i < s.profiles.size(); ++i) {
+    std::vector<std::string> made = s.TransactionDirectories(i);
+    std::erase_if(made, [&](const std::string& id) { return std::ranges::count(before.transactions[i], id) != 0; });
+    ASSERT_EQ(made.size(), 1u) << "profile " << i;
+    const std::string transaction = s.Backups(i) + "/" + made[0];
+    report += "Profile: " + s.Win(s.AddIn(i)) + "\nBackup: " + s.Win(transaction + "/before") + "\n";
+    ExpectTree(s.AddIn(i), uninstall ? TreeSnapshot() : UpdatedAddIn(before.addIns[i]), "add-in " + std::to_string(i));
+    ExpectTree(transaction + "/before", before.addIns[i], "backup " + std::to_string(i));
+    EXPECT_FALSE(Exists(transaction + "/prepared")) << "profile " << i;
+  }
+  EXPECT_EQ(r.out, report + (uninstall ? "Quorvane uninstalled. Settings and ODB++ outputs preserved.\n"
+                                       : "Quorvane installed/updated.\n"));
+  EXPECT_EQ(ReadFile(s.InventoryFile()), uninstall ? before.inventory : s.InstalledInventory());
+}
+
+std::string ExpectRolledBack(const ProfileScene& s, const Before& before, const RunResult& r, std::size_t passed,
+                             const std::string& closing) {
+  EXPECT_EQ(r.exitCode, 6) << r.err;
+  EXPECT_EQ(r.out, "");
+  std::istringstream lines(r.err);
+  std::string failure, recovery;
+  std::getline(lines, failure);
+  std::getline(lines, recovery);
+  // A fixed sentence of the transaction, or a file operation's failure.
+  static const std::regex text(R"re([A-Z][A-Za-z+ ;-]+\.|[a-z_:]+: [^\n]+: "C:\\[^"]*"(, "C:\\[^"]*")?)re");
+  EXPECT_TRUE(std::regex_match(failure, text)) << failure;
+  const std::string id = passed == 0 ? "" : recovery.substr(recovery.rfind('\\') + 1);
+  EXPECT_TRUE(passed == 0 || std::regex_match(id, std::regex("[0-9]+-[0-9]+"))) << r.err;
+  std::string expected = failure + "\n";
+  for (std::size_t i = passed; i-- > 0;) expected += s.RecoveryLine(i, id);
+  EXPECT_EQ(r.err, expected + closing + "\n");
+  if (closing != "Installed profiles restored.") return id;
+  for (std::size_t i = 0; i < s.profiles.size(); ++i) {
+    ExpectTree(s.AddIn(i), before.addIns[i], "add-in " + std::to_string(i));
+    EXPECT_FALSE(Exists(s.Backups(i) + "/" + id + "/before")) << "profile " << i;
+  }
+  EXPECT_EQ(ReadFile(s.InventoryFile()), before.inventory);
+  return id;
 }
 
 }  // namespace qv::test
