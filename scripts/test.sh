@@ -26,6 +26,8 @@ for preset in windows windows-dev; do
   quiet cmake --preset "$preset"
   quiet cmake --build --preset "$preset" -j"$jobs"
 done
+echo "== Administrators' archive"
+quiet cmake --build --preset windows --target package
 
 echo "== Fuzz targets (clang, libFuzzer)"
 quiet cmake --preset fuzz
