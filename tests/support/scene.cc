@@ -126,8 +126,6 @@ ToolUnderTest NativeTool() {
   return tool;
 }
 
-// The .exe of the windows-dev preset (with fault points), else that of the
-// windows preset, under wine64 in the prefix that ctest's fixture made.
 ToolUnderTest WineTool() {
   ToolUnderTest tool;
   tool.name = "wine";
@@ -136,12 +134,12 @@ ToolUnderTest WineTool() {
     const std::string exe = std::string(QUORVANE_SOURCE_DIR) + "/build/" + preset + "/Quorvane_Setup.exe";
     if (Exists(exe)) tool.binary = exe, tool.faults = std::string(preset) == "windows-dev";
   }
-  const char* prefix = std::getenv("QUORVANE_E2E_WINE_PREFIX");
+  const char* prefix = std::getenv("QUORVANE_WINE_PREFIX");
   tool.winePrefix = prefix != nullptr && *prefix != '\0' ? prefix : "(none)";
   if (!Exists("/usr/lib/wine/wine64")) tool.missing = "wine64 is not installed";
   else if (tool.binary.empty()) tool.missing = "Neither the windows nor the windows-dev preset is built";
   else if (!Exists(tool.lockHolder)) tool.missing = "No lock_holder.exe (MinGW-w64 missing)";
-  else if (!Exists(tool.winePrefix + "/system.reg")) tool.missing = "No Wine prefix: run through ctest (e2e/wine/prefix)";
+  else if (!Exists(tool.winePrefix + "/system.reg")) tool.missing = "No Wine prefix: run through ctest";
   return tool;
 }
 
@@ -159,6 +157,13 @@ Machine::Machine(const ToolUnderTest& tool) : tool(tool) {
     drive = temp->path() + "/";
     winDrive_ = "C:\\e2e\\" + fs::path(temp->path()).filename().string() + "\\";
   }
+}
+
+Machine::Machine(const ToolUnderTest& tool, const std::string& winePrefix)
+    : tool(tool), drive(winePrefix + "/drive_c/"), winDrive_("C:\\") {
+  if (!tool.native()) this->tool.winePrefix = winePrefix;
+  prefix.root = winePrefix;
+  prefix.procRoot = "/proc";
 }
 
 std::string Machine::Win(const std::string& hostPath) const {
@@ -179,11 +184,16 @@ RunResult Machine::Run(const std::vector<std::string>& args, EnvChanges env, int
     return test::Run(tool.binary, args, env, "", timeoutMs);
   }
   if (env.count("QUORVANE_FAULTS_LOG") != 0) env["QUORVANE_FAULTS_LOG"] = Win(env["QUORVANE_FAULTS_LOG"]);
-  env["WINEPREFIX"] = tool.winePrefix;
+  std::vector<std::string> command{tool.binary};
+  command.insert(command.end(), args.begin(), args.end());
+  return RunUnderWine(tool.winePrefix, command, env, timeoutMs);
+}
+
+RunResult RunUnderWine(const std::string& prefix, const std::vector<std::string>& command, EnvChanges env,
+                       int timeoutMs) {
+  env["WINEPREFIX"] = prefix;
   env["WINEDEBUG"] = "-all";
-  std::vector<std::string> all{tool.binary};
-  all.insert(all.end(), args.begin(), args.end());
-  RunResult r = test::Run("/usr/lib/wine/wine64", all, env, "", timeoutMs);
+  RunResult r = test::Run("/usr/lib/wine/wine64", command, env, "", timeoutMs);
   // Wine's console ends lines with CR LF.
   for (std::string* text : {&r.out, &r.err}) {
     for (std::size_t at; (at = text->find("\r\n")) != std::string::npos;) text->erase(at, 1);

@@ -77,6 +77,9 @@ struct ToolUnderTest {
 };
 // The native build of this tree ($QUORVANE_BINARY overrides it).
 ToolUnderTest NativeTool();
+// The .exe of windows-dev (with fault points), else of windows, under wine64
+// in the prefix that ctest made for the test ($QUORVANE_WINE_PREFIX).
+ToolUnderTest WineTool();
 inline void PrintTo(const ToolUnderTest& tool, std::ostream* out) { *out << tool.name; }
 // Every build of this test run; see tests/CMakeLists.txt for where they come from.
 std::vector<ToolUnderTest> ToolsUnderTest();
@@ -86,6 +89,9 @@ std::vector<ToolUnderTest> ToolsUnderTest();
 // drive of the shared Wine prefix, which the test then names C:\<folder>.
 struct Machine {
   explicit Machine(const ToolUnderTest& tool);
+  // The Wine prefix `winePrefix` itself, for either build: its C: drive and
+  // registry, and the host's process table.
+  Machine(const ToolUnderTest& tool, const std::string& winePrefix);
   ToolUnderTest tool;
   std::unique_ptr<TempDir> temp;
   FixturePrefix prefix;  // the native build's; for the .exe, only `root` is set
@@ -114,6 +120,24 @@ class EndToEnd : public ::testing::TestWithParam<ToolUnderTest> {
   }
   const ToolUnderTest& tool() const { return GetParam(); }
 };
+// Runs a Windows program (`command` begins with its host path, or names one
+// of Wine's own) under wine64 in `prefix` to its end. CR LF becomes LF.
+RunResult RunUnderWine(const std::string& prefix, const std::vector<std::string>& command, EnvChanges env = {},
+                       int timeoutMs = 120000);
+
+// A check against Wine itself, on the prefix that ctest made with wineboot;
+// skipped without one. $WINEPREFIX names it for the test's own platform calls.
+class WinePrefix : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!Exists(prefix + "/system.reg")) GTEST_SKIP() << "No Wine prefix: run through ctest (wine.prefix)";
+  }
+  RunResult Wine(const std::vector<std::string>& command) const { return RunUnderWine(prefix, command); }
+  const ToolUnderTest wine = WineTool();
+  const std::string prefix = wine.winePrefix;
+  ScopedEnv winePrefix_{"WINEPREFIX", prefix};
+};
+
 #define QV_E2E_SUITE(suite)                                                \
   INSTANTIATE_TEST_SUITE_P(, suite, ::testing::ValuesIn(ToolsUnderTest()), \
                            [](const auto& info) { return info.param.name; })

@@ -1,137 +1,77 @@
-// The two builds side by side: Quorvane_Setup.exe under wine64 and the
-// native Quorvane_Setup on the same prefix give the same lines, the same
-// exit codes and the same add-in on the disk, and the builds with fault
-// points log the same operations.
+// The two builds side by side on one prefix: Quorvane_Setup.exe under wine64
+// and the native Quorvane_Setup give the same lines, the same exit codes and
+// the same add-in on the disk through a whole cycle, and, with fault points,
+// log the same operations for an install, so that one sweep of fault points
+// serves both.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <regex>
 
 #include "support/scene.h"
-#include "wine/wine_support.h"
 
 namespace qv::test {
 namespace {
 
-const std::string kWindowsBinary = std::string(QUORVANE_SOURCE_DIR) + "/build/windows/Quorvane_Setup.exe";
-const std::string kWindowsFaultBinary = std::string(QUORVANE_SOURCE_DIR) + "/build/windows-dev/Quorvane_Setup.exe";
-
-struct Outcome {
-  int exitCode = -1;
-  std::string out;
-  std::string err;
+struct Cycle {
+  std::vector<std::string> lines;    // exit code and output of each run
+  TreeSnapshot expected, installed;  // the add-in the install should make, and made
+  std::vector<std::string> operations;
 };
-
-// Transaction ids (tick and process id) differ from run to run.
-std::string Normalise(const std::string& text) {
-  return std::regex_replace(text, std::regex("InstallBackups\\\\[0-9]+-[0-9]+"), "InstallBackups\\<id>");
-}
 
 // Everything on C:, where Wine reports no reparse point at the drive's root
 // (its Z: root carries the reparse bit, which would refuse packages there in
 // the Windows build): two webdeploy builds, an installed add-in with a file
 // of its own, and a package.
-void MakeScene(const std::string& base) {
+Cycle RunCycle(const Machine& machine) {
+  const std::string base = machine.C("QvDiff");
   std::filesystem::remove_all(base);
   MakeFusionInstallation(base + "/local/Autodesk/webdeploy/production/b1");
   MakeFusionInstallation(base + "/local/Autodesk/webdeploy/production/b2");
-  MakeInstalledAddIn(base + "/roaming/Autodesk/Autodesk Fusion 360/API/AddIns/KELDARO_Quorvane/", "old");
-  WriteFile(base + "/roaming/Autodesk/Autodesk Fusion 360/API/AddIns/KELDARO_Quorvane/kept.txt", "kept");
+  const std::string addIn = base + "/roaming/Autodesk/Autodesk Fusion 360/API/AddIns/KELDARO_Quorvane";
+  MakeInstalledAddIn(addIn, "old");
+  WriteFile(addIn + "/kept.txt", "kept");
   MakePackage(base + "/package", "new");
-}
-
-const std::vector<std::string> kIsolated{"/test-appdata", "C:\\QvDiff\\roaming", "/test-localappdata",
+  const std::vector<std::string> folders{"/test-appdata", "C:\\QvDiff\\roaming", "/test-localappdata",
                                          "C:\\QvDiff\\local"};
-
-Outcome RunWindows(const std::string& prefix, const std::vector<std::string>& args) {
-  RunResult r = RunUnderWine(prefix, kWindowsBinary, args);
-  return {r.exitCode, Normalise(r.out), Normalise(r.err)};
-}
-
-Outcome RunNative(const std::string& prefix, const std::vector<std::string>& args) {
-  RunResult r = test::Run(NativeTool().binary, args, {{"WINEPREFIX", prefix}, {"QUORVANE_PROC_ROOT", "/proc"}});
-  return {r.exitCode, Normalise(r.out), Normalise(r.err)};
-}
-
-void ExpectSame(const Outcome& windows, const Outcome& native, const std::string& what) {
-  EXPECT_EQ(windows.exitCode, native.exitCode) << what;
-  EXPECT_EQ(windows.out, native.out) << what;
-  EXPECT_EQ(windows.err, native.err) << what;
-}
-
-TEST(WineDifferential, BothBuildsAgreeOnAWholeCycle) {
-  const std::string prefix = SharedWinePrefix();
-  if (prefix.empty()) GTEST_SKIP() << "no Wine prefix: wine64 could not be installed or wineboot failed";
-  if (!Exists(kWindowsBinary)) GTEST_SKIP() << "no Windows build at " << kWindowsBinary;
-
-  const std::string base = prefix + "/drive_c/QvDiff";
-  std::map<std::string, std::vector<Outcome>> outcomes;
-  std::map<std::string, TreeSnapshot> trees;
-  for (const std::string build : {"windows", "native"}) {
-    MakeScene(base);
-    auto with = [&](std::vector<std::string> args, const std::vector<std::string>& more) {
-      args.insert(args.end(), more.begin(), more.end());
-      return args;
-    };
-    const std::vector<std::vector<std::string>> runs{
-        {},
-        {"/bogus"},
-        {"/install", "/test-appdata", "x"},
-        with({"/status"}, kIsolated),
-        with(with({"/install"}, kIsolated), {"/package", "C:\\QvDiff\\package"}),
-        with({"/status"}, kIsolated),
-        with(with({"/install"}, kIsolated), {"/package", "C:\\QvDiff\\nowhere"}),
-        with({"/uninstall"}, kIsolated),
-        with({"/status"}, kIsolated),
-    };
-    for (const auto& args : runs) {
-      outcomes[build].push_back(build == "windows" ? RunWindows(prefix, args) : RunNative(prefix, args));
-      if (args.size() > 1 && args[0] == "/install" && outcomes[build].back().exitCode == 0) {
-        trees[build] = SnapshotTree(base + "/roaming/Autodesk");
-      }
-    }
-  }
-  ASSERT_EQ(outcomes["windows"].size(), outcomes["native"].size());
-  for (std::size_t i = 0; i < outcomes["windows"].size(); ++i) {
-    ExpectSame(outcomes["windows"][i], outcomes["native"][i], "run " + std::to_string(i));
-  }
-  EXPECT_EQ(outcomes["native"][4].exitCode, 0) << outcomes["native"][4].err;
-  EXPECT_EQ(outcomes["native"][5].exitCode, 0);
-  EXPECT_FALSE(trees["native"].empty());
-  EXPECT_EQ(trees["windows"], trees["native"]);
-  std::filesystem::remove_all(base);
-}
-
-// So that one sweep of fault points serves both builds. The steps of the
-// process walk are left out: Wine's table holds its own programs, Linux's
-// every process of the machine.
-TEST(WineDifferential, BothBuildsLogTheSameOperations) {
-  const std::string prefix = SharedWinePrefix();
-  if (prefix.empty()) GTEST_SKIP() << "no Wine prefix: wine64 could not be installed or wineboot failed";
-  if (!Exists(kWindowsFaultBinary)) GTEST_SKIP() << "no Windows build with fault points at " << kWindowsFaultBinary;
-
-  const std::string base = prefix + "/drive_c/QvDiff";
+  const auto with = [&](std::vector<std::string> args) {
+    args.insert(args.end(), folders.begin(), folders.end());
+    return args;
+  };
   TempDir logs;
-  std::vector<std::string> args{"/install", "/package", "C:\\QvDiff\\package"};
-  args.insert(args.end(), kIsolated.begin(), kIsolated.end());
-  std::map<std::string, std::vector<std::string>> operations;
-  for (const std::string build : {"windows", "native"}) {
-    MakeScene(base);
-    const std::string log = logs / (build + ".log");
-    std::string windowsLog = "Z:" + log;
-    std::replace(windowsLog.begin(), windowsLog.end(), '/', '\\');
-    const RunResult run = build == "windows"
-                              ? RunUnderWine(prefix, kWindowsFaultBinary, args, {{"QUORVANE_FAULTS_LOG", windowsLog}})
-                              : test::Run(NativeTool().binary, args, {{"WINEPREFIX", prefix}, {"QUORVANE_FAULTS_LOG", log}});
-    ASSERT_EQ(run.exitCode, 0) << build << ": " << run.out << run.err;
-    for (const LoggedCall& call : ReadCallLog(log)) {
-      if (call.operation != "Process32NextW") operations[build].push_back(call.operation);
-    }
+  Cycle cycle;
+  cycle.expected = UpdatedAddIn(SnapshotTree(addIn));
+  for (const auto& args : std::vector<std::vector<std::string>>{
+           {}, {"/bogus"}, {"/install", "/test-appdata", "x"}, with({"/status"}),
+           with({"/install", "/package", "C:\\QvDiff\\package"}), with({"/status"}),
+           with({"/install", "/package", "C:\\QvDiff\\nowhere"}), with({"/uninstall"}), with({"/status"})}) {
+    const bool installs = args.size() > 2 && args[1] == "/package" && args[2].ends_with("package");
+    const RunResult r = machine.Run(args, installs ? EnvChanges{{"QUORVANE_FAULTS_LOG", logs / "calls"}} : EnvChanges{});
+    // Transaction ids (tick and process id) differ from run to run.
+    cycle.lines.push_back(std::to_string(r.exitCode) + "\n" +
+                          std::regex_replace(r.out + "\n" + r.err, std::regex("InstallBackups\\\\[0-9-]+"), "<id>"));
+    if (installs) cycle.installed = SnapshotTree(addIn);
   }
-  EXPECT_GT(operations["native"].size(), 100u);
-  EXPECT_EQ(operations["windows"], operations["native"]);
+  // The process walk is left out: Wine's table holds its own programs,
+  // Linux's every process of the machine.
+  for (const LoggedCall& call : ReadCallLog(logs / "calls")) {
+    if (call.operation != "Process32NextW") cycle.operations.push_back(call.operation);
+  }
   std::filesystem::remove_all(base);
+  return cycle;
+}
+
+TEST_F(WinePrefix, BothBuildsAgreeOnAWholeCycle) {
+  QV_SKIP_UNLESS(wine.missing.empty(), wine.missing);
+  const Cycle windows = RunCycle(Machine(wine, prefix)), native = RunCycle(Machine(NativeTool(), prefix));
+  EXPECT_EQ(windows.lines, native.lines);
+  EXPECT_TRUE(native.lines[4].starts_with("0\n")) << native.lines[4];
+  EXPECT_TRUE(native.lines[5].starts_with("0\n")) << native.lines[5];
+  EXPECT_EQ(windows.installed, native.installed);
+  EXPECT_EQ(native.installed, native.expected);
+  QV_SKIP_UNLESS(wine.faults && NativeTool().faults, "No fault points in a build: no call logs to compare");
+  EXPECT_GT(native.operations.size(), 100u);
+  EXPECT_EQ(windows.operations, native.operations);
 }
 
 }  // namespace

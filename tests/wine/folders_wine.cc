@@ -1,42 +1,52 @@
-// Folders in the native build against Wine's own answers in a real prefix
-// made by wineboot: the per-user folders, and the order of a listing.
-#include <fcntl.h>
-#include <unistd.h>
-
+// Folders in the native build against Wine's own answers: the per-user
+// folders, the order of a listing, and links.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <sstream>
 
 #include "platform/platform.h"
 #include "platform/posix/host.h"
 #include "platform/wstring.h"
+#include "support/scene.h"
 #include "user/user_folders.h"
-#include "wine/wine_support.h"
 
 namespace qv::test {
 namespace {
 
-TEST(WinePrefix, UserFoldersMatchWinesShellFolders) {
-  const std::string prefix = SharedWinePrefix();
-  if (prefix.empty()) GTEST_SKIP() << "no Wine prefix: wine64 could not be installed or wineboot failed";
-  RunResult probe = RunUnderWine(prefix, QUORVANE_FOLDER_PROBE, {});
+using Listing = std::vector<std::pair<std::string, std::uint32_t>>;  // names and attributes
+
+// A host folder as Wine lists it through the probe, and as the native build does.
+std::pair<Listing, Listing> ListBothWays(const std::string& prefix, const std::string& folder) {
+  WString pattern;
+  EXPECT_TRUE(platform::posix::ToWindowsPath(folder, pattern));
+  pattern += u"\\*";
+  Listing wine, native;
+  std::istringstream lines(RunUnderWine(prefix, {QUORVANE_WINE_PROBE, "list", WideToUtf8(pattern)}).out);
+  for (std::string line; std::getline(lines, line);) {
+    wine.emplace_back(line.substr(0, line.find('\t')), std::stoul(line.substr(line.find('\t') + 1), nullptr, 16));
+  }
+  platform::FindData found;
+  platform::Handle search = platform::FindFirstFileW(pattern, found);
+  EXPECT_NE(search, platform::kInvalidHandle);
+  do native.emplace_back(WideToUtf8(found.fileName), found.attributes);
+  while (search != platform::kInvalidHandle && platform::FindNextFileW(search, found));
+  platform::FindClose(search);
+  return {wine, native};
+}
+
+TEST_F(WinePrefix, UserFoldersMatchWinesShellFolders) {
+  const RunResult probe = Wine({QUORVANE_WINE_PROBE, "folders"});
   ASSERT_EQ(probe.exitCode, 0) << probe.err;
   std::istringstream lines(probe.out);
-  ::setenv("WINEPREFIX", prefix.c_str(), 1);
   int checked = 0;
-  for (std::string line; std::getline(lines, line);) {
+  for (std::string line; std::getline(lines, line); ++checked) {
     std::istringstream fields(line);
     int csidl = 0;
     long result = 0;
-    fields >> csidl >> result;
     std::string path;
-    std::getline(fields >> std::ws, path);
-    // Wine's console output ends lines with CR LF.
-    if (!path.empty() && path.back() == '\r') path.pop_back();
+    std::getline(fields >> csidl >> result >> std::ws, path);
     ASSERT_EQ(result, 0) << line;
     EXPECT_EQ(WideToUtf8(GetUserFolder(csidl)), path) << "CSIDL " << csidl;
-    ++checked;
   }
   EXPECT_EQ(checked, 2);
 }
@@ -44,43 +54,22 @@ TEST(WinePrefix, UserFoldersMatchWinesShellFolders) {
 // Every code unit of the Basic Multilingual Plane as a one-letter name, so
 // that each place in the order tests the upper case of one code unit, and
 // names where digits, '_', accents, prefixes and case decide.
-TEST(WinePrefix, FolderListingInWinesOrder) {
-  const std::string prefix = SharedWinePrefix();
-  if (prefix.empty()) GTEST_SKIP() << "no Wine prefix: wine64 could not be installed or wineboot failed";
+TEST_F(WinePrefix, FolderListingInWinesOrder) {
   TempDir dir;
   std::vector<std::string> names{"zeta", "Alpha", "Zulu", "_under", "10",   "a_b",
                                  "ab",   "Case",  "case", " lead",  "x.y", "\xC3\x89t\xC3\xA9"};
   for (char32_t c = 0x20; c <= 0xFFFF; ++c) {
     // Not surrogates, and not the characters that Windows forbids in names
     // (Wine shows them as other code units).
-    if ((c >= 0xD800 && c <= 0xDFFF) || std::u32string_view(U"./\\:*?\"<>|").find(c) != std::u32string_view::npos) {
-      continue;
+    if ((c < 0xD800 || c > 0xDFFF) && std::u32string_view(U"./\\:*?\"<>|").find(c) == std::u32string_view::npos) {
+      names.push_back(WideToUtf8(std::u16string(1, static_cast<char16_t>(c))));
     }
-    names.push_back(WideToUtf8(std::u16string(1, static_cast<char16_t>(c))));
   }
-  for (const std::string& name : names) ::close(::open((dir / name).c_str(), O_CREAT | O_WRONLY, 0644));
-
-  ::setenv("WINEPREFIX", prefix.c_str(), 1);
-  WString folder;
-  ASSERT_TRUE(platform::posix::ToWindowsPath(dir.path(), folder));
-  RunResult probe = RunUnderWine(prefix, QUORVANE_FOLDER_PROBE, {WideToUtf8(folder + u"\\*")});
-  ASSERT_EQ(probe.exitCode, 0) << probe.err;
-  std::vector<std::string> wine;
-  std::istringstream lines(probe.out);
-  for (std::string line; std::getline(lines, line);) wine.push_back(line.substr(0, line.find('\t')));
-
-  std::vector<std::string> native;
-  platform::FindData found;
-  platform::Handle search = platform::FindFirstFileW(folder + u"\\*", found);
-  ASSERT_NE(search, platform::kInvalidHandle);
-  do native.push_back(WideToUtf8(found.fileName));
-  while (platform::FindNextFileW(search, found));
-  platform::FindClose(search);
-  ::unsetenv("WINEPREFIX");
-
+  for (const std::string& name : names) WriteFile(dir / name, "");
+  const auto [wine, native] = ListBothWays(prefix, dir.path());
   ASSERT_EQ(wine.size(), names.size() + 2);
   ASSERT_EQ(native.size(), wine.size());
-  for (std::size_t i = 0; i < wine.size(); ++i) ASSERT_EQ(native[i], wine[i]) << "entry " << i;
+  for (std::size_t i = 0; i < wine.size(); ++i) ASSERT_EQ(native[i].first, wine[i].first) << "entry " << i;
 }
 
 // Where Wine 8 and Windows part, the native build answers as Windows does:
@@ -89,42 +78,26 @@ TEST(WinePrefix, FolderListingInWinesOrder) {
 // attribute. The safety checks refuse links as reparse points; the native
 // build refuses every link below a drive root, and takes a drive's root as
 // a folder.
-TEST(WinePrefix, LinksAsWineAndWindowsShowThem) {
-  const std::string prefix = SharedWinePrefix();
-  if (prefix.empty()) GTEST_SKIP() << "no Wine prefix: wine64 could not be installed or wineboot failed";
+TEST_F(WinePrefix, LinksAsWineAndWindowsShowThem) {
   TempDir dir;
   WriteFile(dir / "file", "x");
   MakeDirs(dir / "folder");
   MakeSymlink(dir / "file", dir / "file-link");
   MakeSymlink(dir / "folder", dir / "folder-link");
   MakeSymlink(dir / "nowhere", dir / "dangling");
-  ScopedEnv winePrefix("WINEPREFIX", prefix);
-  WString folder;
-  ASSERT_TRUE(platform::posix::ToWindowsPath(dir.path(), folder));
-  const auto listing = [](const std::vector<std::pair<std::string, std::uint32_t>>& entries) {
+  const auto text = [](const Listing& entries) {
     std::string text;
     for (const auto& [name, attributes] : entries) {
-      if (name == "." || name == "..") continue;
-      text += name + ((attributes & platform::kFileAttributeReparsePoint) ? " reparse\n" : "\n");
+      if (name != "." && name != "..")
+        text += name + ((attributes & platform::kFileAttributeReparsePoint) ? " reparse\n" : "\n");
     }
     return text;
   };
-  std::vector<std::pair<std::string, std::uint32_t>> wine, native;
-  RunResult probe = RunUnderWine(prefix, QUORVANE_FOLDER_PROBE, {WideToUtf8(folder + u"\\*")});
-  std::istringstream lines(probe.out);
-  for (std::string line; std::getline(lines, line);) {
-    wine.emplace_back(line.substr(0, line.find('\t')), std::stoul(line.substr(line.find('\t') + 1), nullptr, 16));
-  }
-  platform::FindData found;
-  platform::Handle search = platform::FindFirstFileW(folder + u"\\*", found);
-  ASSERT_NE(search, platform::kInvalidHandle);
-  do native.emplace_back(WideToUtf8(found.fileName), found.attributes);
-  while (platform::FindNextFileW(search, found));
-  platform::FindClose(search);
-  EXPECT_EQ(listing(wine), "file\nfile-link\nfolder\nfolder-link reparse\n");
-  EXPECT_EQ(listing(native), "dangling reparse\nfile\nfile-link reparse\nfolder\nfolder-link reparse\n");
+  const auto [wine, native] = ListBothWays(prefix, dir.path());
+  EXPECT_EQ(text(wine), "file\nfile-link\nfolder\nfolder-link reparse\n");
+  EXPECT_EQ(text(native), "dangling reparse\nfile\nfile-link reparse\nfolder\nfolder-link reparse\n");
 
-  RunResult root = RunUnderWine(prefix, QUORVANE_FOLDER_PROBE, {"-a", "Z:\\"});
+  const RunResult root = Wine({QUORVANE_WINE_PROBE, "attributes", "Z:\\"});
   EXPECT_NE(std::stoul(root.out, nullptr, 16) & platform::kFileAttributeReparsePoint, 0u) << root.out;
   EXPECT_EQ(platform::GetFileAttributesW(u"Z:\\") & platform::kFileAttributeReparsePoint, 0u);
 }

@@ -8,32 +8,18 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <regex>
 
 #include "support/scene.h"
-#include "wine/wine_support.h"
 
 namespace qv::test {
 namespace {
 
-const std::string kWindowsBinary = std::string(QUORVANE_SOURCE_DIR) + "/build/windows/Quorvane_Setup.exe";
-
-// The lines of a run, with the transaction ids (tick and process id) that
-// differ from run to run taken out.
-std::string Lines(const RunResult& r) {
-  return std::to_string(r.exitCode) + "\n" +
-         std::regex_replace(r.out + r.err, std::regex("InstallBackups\\\\[0-9]+-[0-9]+"), "InstallBackups\\<id>");
-}
-
-TEST(WinePrefix, LiveDiscoveryGivesTheSameLinesInBothBuilds) {
-  const std::string prefix = SharedWinePrefix();
-  if (prefix.empty()) GTEST_SKIP() << "no Wine prefix: wine64 could not be installed or wineboot failed";
-  const std::string c = prefix + "/drive_c/";
+TEST_F(WinePrefix, LiveDiscoveryGivesTheSameLinesInBothBuilds) {
+  const Machine machine(wine, prefix);
   const std::string user = std::string("users/") + ::getpwuid(::getuid())->pw_name + "/AppData/";
-  std::string userWin = "C:\\" + user;
-  std::replace(userWin.begin(), userWin.end(), '/', '\\');
+  const std::string c = machine.C(), userWin = machine.Win(c + user);
 
   // HKCU names a folder through REG_EXPAND_SZ; HKLM's 32-bit view an icon in
   // a webdeploy tree of several builds, which are all scanned, the icon's
@@ -43,60 +29,57 @@ TEST(WinePrefix, LiveDiscoveryGivesTheSameLinesInBothBuilds) {
     MakeFusionInstallation(c + "QvLive/webdeploy/production/" + build);
   }
   MakeFusionInstallation(c + "QvLive/Machine/bin");
-  for (const char* build : {"x9", "X10"})
-    MakeFusionInstallation(c + user + "Local/Autodesk/webdeploy/production/" + build);
+  for (const char* build : {"x9", "X10"}) MakeFusionInstallation(c + user + "Local/Autodesk/webdeploy/production/" + build);
   MakeFusionInstallation(c + "QvLive/Portable/bin");
   MakeDirs(c + "QvLive/Portable/PortableData/Roaming/Autodesk/Autodesk Fusion 360/API");
   MakeDirs(c + "QvLive/Portable/PortableData/Local");
   MakeDirs(c + user + "Roaming/Autodesk/Autodesk Fusion 360/API");
   MakePackage(c + "QvLive/package");
-  test::Run("/bin/cp", {QUORVANE_FUSION_STUB, c + "QvLive/Portable/bin/Fusion360.exe"});
-  MakeDirs(c + "QvLive/Launcher");
-  test::Run("/bin/cp", {QUORVANE_FUSION_STUB, c + "QvLive/Launcher/fusionlauncher.exe"});
+  std::filesystem::copy_file(QUORVANE_WINE_PROBE, c + "QvLive/Portable/bin/Fusion360.exe",
+                             std::filesystem::copy_options::overwrite_existing);
+  WriteFile(c + "QvLive/Launcher/fusionlauncher.exe", ReadFile(QUORVANE_WINE_PROBE));
 
   const std::string uninstall = "\\Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\";
-  const std::vector<std::vector<std::string>> values{
-      {"HKCU" + uninstall + "QvLiveUser", "DisplayName", "REG_SZ", "Autodesk Fusion"},
-      {"HKCU" + uninstall + "QvLiveUser", "InstallLocation", "REG_EXPAND_SZ", "%ProgramFiles%\\QvLive\\User"},
-      {"HKLM" + uninstall + "QvLive32", "DisplayName", "REG_SZ", "AUTODESK FUSION 360", "/reg:32"},
-      {"HKLM" + uninstall + "QvLive32", "DisplayIcon", "REG_SZ", "\"C:\\QvLive\\webdeploy\\production\\b7\\x.ico\",0",
-       "/reg:32"},
-      {"HKLM" + uninstall + "QvLive64", "DisplayName", "REG_EXPAND_SZ", "Autodesk Fusion", "/reg:64"},
-      {"HKLM" + uninstall + "QvLive64", "InstallLocation", "REG_EXPAND_SZ", "%SystemDrive%\\QvLive\\Machine\\",
-       "/reg:64"},
-  };
-  for (const auto& v : values) {
-    std::vector<std::string> args{"add", v[0], "/v", v[1], "/t", v[2], "/d", v[3], "/f"};
-    if (v.size() > 4) args.push_back(v[4]);
-    const RunResult reg = RunUnderWine(prefix, "reg", args);
+  for (const auto& v : std::vector<std::vector<std::string>>{
+           {"HKCU" + uninstall + "QvLiveUser", "DisplayName", "REG_SZ", "Autodesk Fusion", "/reg:64"},
+           {"HKCU" + uninstall + "QvLiveUser", "InstallLocation", "REG_EXPAND_SZ", "%ProgramFiles%\\QvLive\\User",
+            "/reg:64"},
+           {"HKLM" + uninstall + "QvLive32", "DisplayName", "REG_SZ", "AUTODESK FUSION 360", "/reg:32"},
+           {"HKLM" + uninstall + "QvLive32", "DisplayIcon", "REG_SZ",
+            "\"C:\\QvLive\\webdeploy\\production\\b7\\x.ico\",0", "/reg:32"},
+           {"HKLM" + uninstall + "QvLive64", "DisplayName", "REG_EXPAND_SZ", "Autodesk Fusion", "/reg:64"},
+           {"HKLM" + uninstall + "QvLive64", "InstallLocation", "REG_EXPAND_SZ", "%SystemDrive%\\QvLive\\Machine\\",
+            "/reg:64"}}) {
+    const RunResult reg = Wine({"reg", "add", v[0], "/v", v[1], "/t", v[2], "/d", v[3], "/f", v[4]});
     ASSERT_EQ(reg.exitCode, 0) << v[0] << " " << v[1] << ": " << reg.out << reg.err;
   }
   // The registry reaches the files when the server ends; the one started
   // by the programs below serves the rest of the test.
-  WaitForWineServer(prefix);
-  const int fusion = StartUnderWine(prefix, "C:\\QvLive\\Portable\\bin\\Fusion360.exe");
-  const int launcher = StartUnderWine(prefix, "C:\\QvLive\\Launcher\\fusionlauncher.exe");
+  test::Run("/usr/lib/wine/wineserver", {"-w"}, {{"WINEPREFIX", prefix}});
+  // Started by their Windows paths, as Fusion starts. The probe prints its
+  // line once running, when Wine has put that path in its command line,
+  // where the native build reads it.
+  Background fusion = machine.Start("C:\\QvLive\\Portable\\bin\\Fusion360.exe", {});
+  Background launcher = machine.Start("C:\\QvLive\\Launcher\\fusionlauncher.exe", {});
+  ASSERT_TRUE(fusion.WaitForOutput("up")) << "the portable Fusion did not come up";
+  ASSERT_TRUE(launcher.WaitForOutput("up")) << "the launcher did not come up";
 
   std::map<std::string, std::vector<std::string>> lines;
-  for (const std::string build : {"windows", "native"}) {
-    if (build == "windows" && !Exists(kWindowsBinary)) continue;
-    for (const std::string& state : {c + user + "Roaming/KELDARO", c + user + "Local/Quorvane",
-                                     c + "QvLive/Portable/PortableData/Roaming/KELDARO"}) {
-      std::filesystem::remove_all(state);
-    }
+  for (const ToolUnderTest& tool : {wine, NativeTool()}) {
+    if (!tool.missing.empty()) continue;
+    for (const std::string state : {"Roaming/KELDARO", "Local/Quorvane"}) std::filesystem::remove_all(c + user + state);
+    std::filesystem::remove_all(c + "QvLive/Portable/PortableData/Roaming/KELDARO");
     for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
              {"/status"}, {"/install", "/package", "C:\\QvLive\\package"}, {"/uninstall"}}) {
-      lines[build].push_back(
-          Lines(build == "windows"
-                    ? RunUnderWine(prefix, kWindowsBinary, args)
-                    : test::Run(NativeTool().binary, args, {{"WINEPREFIX", prefix}, {"QUORVANE_PROC_ROOT", "/proc"}})));
+      const RunResult r = Machine(tool, prefix).Run(args);
+      // Transaction ids (tick and process id) differ from run to run.
+      lines[tool.name].push_back(std::to_string(r.exitCode) + "\n" +
+                                 std::regex_replace(r.out + r.err, std::regex("InstallBackups\\\\[0-9-]+"), "<id>"));
     }
   }
-  StopProcess(fusion);
-  StopProcess(launcher);
+  fusion.Finish(9);
+  launcher.Finish(9);
   test::Run("/usr/lib/wine/wineserver", {"-k"}, {{"WINEPREFIX", prefix}});
-  ASSERT_GT(fusion, 0) << "the portable Fusion did not come up";
-  ASSERT_GT(launcher, 0) << "the launcher did not come up";
 
   // Registry entries in the order of the scans (the icon's build before the
   // others beside it), then the account's webdeploy tree, then the running
@@ -104,29 +87,25 @@ TEST(WinePrefix, LiveDiscoveryGivesTheSameLinesInBothBuilds) {
   const std::string tree = "C:\\QvLive\\webdeploy\\production\\";
   const std::string own = userWin + "Local\\Autodesk\\webdeploy\\production\\";
   std::string status = "1\nQuorvane v0.1.8\nAutodesk Fusion installations: 10\n";
-  for (const std::string& folder : std::vector<std::string>{
-           "C:\\Program Files\\QvLive\\User", tree + "b7", tree + "10", tree + "9", tree + "Zulu", tree + "_under",
-           "C:\\QvLive\\Machine\\bin", own + "X10", own + "x9", "C:\\QvLive\\Portable\\bin"}) {
-    const std::string profile = folder.starts_with("C:\\QvLive\\Portable")
-                                    ? "C:\\QvLive\\Portable\\PortableData\\Roaming"
-                                    : userWin + "Roaming";
+  for (const std::string& folder : std::vector<std::string>{"C:\\Program Files\\QvLive\\User", tree + "b7", tree + "10", tree + "9",
+                                    tree + "Zulu", tree + "_under", "C:\\QvLive\\Machine\\bin", own + "X10", own + "x9",
+                                    "C:\\QvLive\\Portable\\bin"}) {
+    const std::string profile = folder.starts_with("C:\\QvLive\\Portable") ? "C:\\QvLive\\Portable\\PortableData\\Roaming"
+                                                                            : userWin + "Roaming";
     status += "Path: " + folder + "\\Fusion360.exe\nVersion: \nAdd-In path: " + profile +
               "\\Autodesk\\Autodesk Fusion 360\\API\\AddIns\\KELDARO_Quorvane\nAdd-In: Not installed or incomplete\n";
   }
   const std::vector<std::string>& native = lines["native"];
   ASSERT_EQ(native.size(), 3u);
   EXPECT_EQ(native[0], status + "Fusion running: Yes\n");
-  EXPECT_TRUE(native[1].starts_with("0\n") && native[1].ends_with("\nRestart Autodesk Fusion to activate/update "
-                                                                  "the Quorvane.\n"))
+  EXPECT_TRUE(native[1].starts_with("0\n") && native[1].ends_with("\nRestart Autodesk Fusion to activate/update the Quorvane.\n"))
       << native[1];
   EXPECT_TRUE(native[2].starts_with("0\n") && native[2].ends_with("\nRestart Autodesk Fusion to complete removal.\n"))
       << native[2];
-
-  std::filesystem::remove_all(c + "QvLive");
-  std::filesystem::remove_all(c + "Program Files/QvLive");
-  std::filesystem::remove_all(c + user + "Local/Autodesk/webdeploy");
-  if (lines.count("windows") == 0) GTEST_SKIP() << "no Windows build at " << kWindowsBinary << ": native build only";
-  EXPECT_EQ(lines["windows"], native);
+  for (const std::string& folder : std::vector<std::string>{"QvLive", "Program Files/QvLive", user + "Local/Autodesk/webdeploy"})
+    std::filesystem::remove_all(c + folder);
+  QV_SKIP_UNLESS(wine.missing.empty(), wine.missing << ": native build only");
+  EXPECT_EQ(lines["wine"], native);
 }
 
 }  // namespace

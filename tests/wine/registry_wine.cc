@@ -2,20 +2,19 @@
 // account's ProfileList entry, both views of the Uninstall key, and the
 // order of subkeys as Wine's own `reg query` lists them.
 //
-// The suite adds keys to the shared prefix (HKCU\Software\QvRegistryOrder and
+// The test adds keys to the shared prefix (HKCU\Software\QvRegistryOrder and
 // Uninstall entries named QvRegistry*, none of them Fusion) and leaves them.
 #include <pwd.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <sstream>
 
 #include "platform/platform.h"
 #include "platform/posix/host.h"
 #include "platform/wstring.h"
-#include "wine/wine_support.h"
+#include "support/scene.h"
 
 namespace qv::test {
 namespace {
@@ -24,122 +23,75 @@ using namespace qv::platform;
 
 const std::u16string kUninstall = u"Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall";
 
-std::u16string TextOf(const std::vector<std::uint8_t>& data, std::uint32_t size) {
-  std::u16string text;
-  for (std::size_t i = 0; i + 1 < size; i += 2) text.push_back(static_cast<char16_t>(data[i] | (data[i + 1] << 8)));
-  while (!text.empty() && text.back() == u'\0') text.pop_back();
-  return text;
+// A value as the native build reads it: its type, then every code unit it
+// holds, the terminating NUL included.
+std::u16string ReadValue(const std::u16string& path, const std::u16string& name, std::uint32_t view) {
+  RegKey key = 0;
+  if (RegOpenKeyExW(kHkeyLocalMachine, path, 0, kKeyQueryValue | view, key) != 0) return u"(no key)";
+  std::vector<std::uint8_t> data(65536, 0);
+  std::uint32_t type = 0, size = 65536;
+  std::u16string value = RegQueryValueExW(key, name, type, data.data(), size) == 0 ? u"" : u"(no value)";
+  RegCloseKey(key);
+  value += static_cast<char16_t>(u'0' + type);
+  for (std::size_t i = 0; i + 1 < size; i += 2) value.push_back(static_cast<char16_t>(data[i] | (data[i + 1] << 8)));
+  return value;
 }
 
-std::vector<std::u16string> Subkeys(RegKey root, const std::u16string& path, std::uint32_t view) {
+std::vector<std::u16string> Subkeys(RegKey root, const std::u16string& path, std::uint32_t view,
+                                    const std::u16string& prefix = u"") {
   std::vector<std::u16string> names;
   RegKey key = 0;
   if (RegOpenKeyExW(root, path, 0, kKeyRead | view, key) != 0) return names;
   WString name;
-  for (std::uint32_t index = 0; RegEnumKeyExW(key, index, name, 512) == 0; ++index) names.push_back(name);
+  for (std::uint32_t index = 0; RegEnumKeyExW(key, index, name, 512) == 0; ++index) {
+    if (name.starts_with(prefix)) names.push_back(name);
+  }
   RegCloseKey(key);
   return names;
 }
 
-class WineRegistry : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    prefix_ = new std::string(SharedWinePrefix());
-    if (prefix_->empty()) return;
-    // Keys added in an odd order, and an uninstall entry in each view.
-    const std::string file = *prefix_ + "/drive_c/qv_registry_test.reg";
-    WriteFile(file,
-              "REGEDIT4\n\n"
-              "[HKEY_CURRENT_USER\\Software\\QvRegistryOrder\\zeta]\n"
-              "[HKEY_CURRENT_USER\\Software\\QvRegistryOrder\\a_b]\n"
-              "[HKEY_CURRENT_USER\\Software\\QvRegistryOrder\\aB]\n"
-              "[HKEY_CURRENT_USER\\Software\\QvRegistryOrder\\_x]\n"
-              "[HKEY_CURRENT_USER\\Software\\QvRegistryOrder\\AA]\n"
-              "[HKEY_CURRENT_USER\\Software\\QvRegistryOrder\\a1]\n"
-              "[HKEY_CURRENT_USER\\Software\\QvRegistryOrder\\Z]\n"
-              "[HKEY_CURRENT_USER\\Software\\QvRegistryOrder\\a^]\n"
-              "[HKEY_CURRENT_USER\\Software\\QvRegistryOrder\\Ab]\n"
-              "[HKEY_CURRENT_USER\\Software\\QvRegistryOrder\\a]\n"
-              "[HKEY_LOCAL_MACHINE\\Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\QvRegistry64]\n"
-              "\"DisplayName\"=\"Sixty \\\"four\\\"\"\n"
-              "[HKEY_LOCAL_MACHINE\\Software\\Wow6432Node\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\QvRegistry32]\n"
-              "\"DisplayName\"=\"Thirty-two\"\n");
-    RunUnderWine(*prefix_, "regedit", {"/S", "C:\\qv_registry_test.reg"});
-    const RunResult query = RunUnderWine(*prefix_, "reg", {"query", "HKCU\\Software\\QvRegistryOrder"});
-    wineOrder_ = new std::vector<std::u16string>();
-    std::istringstream lines(query.out);
-    for (std::string line; std::getline(lines, line);) {
-      if (!line.empty() && line.back() == '\r') line.pop_back();
-      const std::string key = "HKEY_CURRENT_USER\\Software\\QvRegistryOrder\\";
-      if (line.starts_with(key)) wineOrder_->push_back(Utf8ToWide(line.substr(key.size())));
-    }
-    WaitForWineServer(*prefix_);
-  }
-
-  static void TearDownTestSuite() {
-    delete prefix_;
-    delete wineOrder_;
-    prefix_ = nullptr;
-    wineOrder_ = nullptr;
-  }
-
-  void SetUp() override {
-    if (prefix_->empty()) GTEST_SKIP() << "no Wine prefix: wine64 is missing or wineboot failed";
-    ::setenv("WINEPREFIX", prefix_->c_str(), 1);
-  }
-
-  static std::string* prefix_;
-  static std::vector<std::u16string>* wineOrder_;
-};
-
-std::string* WineRegistry::prefix_ = nullptr;
-std::vector<std::u16string>* WineRegistry::wineOrder_ = nullptr;
-
-TEST_F(WineRegistry, ProfileListEntryOfTheAccountInBothViews) {
+// In the 32-bit view ProfileList is a link to the 64-bit key.
+TEST_F(WinePrefix, ProfileListEntryOfTheAccountInBothViews) {
   WString sid;
   ASSERT_TRUE(posix::AccountSidFromUserReg(sid));
   EXPECT_TRUE(sid.starts_with(u"S-1-5-21-")) << WideToUtf8(sid);
-  const struct passwd* account = ::getpwuid(::getuid());
-  ASSERT_NE(account, nullptr);
-  // In the 32-bit view ProfileList is a link to the 64-bit key.
+  const std::u16string expected = u"1C:\\users\\" + Utf8ToWide(::getpwuid(::getuid())->pw_name) + u'\0';
   for (std::uint32_t view : {kKeyWow64_64Key, kKeyWow64_32Key}) {
-    RegKey key = 0;
-    ASSERT_EQ(RegOpenKeyExW(kHkeyLocalMachine, u"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\ProfileList\\" + sid,
-                            0, kKeyQueryValue | view, key),
-              0);
-    std::vector<std::uint8_t> buffer(65536, 0);
-    std::uint32_t type = 0;
-    std::uint32_t size = 65536;
-    ASSERT_EQ(RegQueryValueExW(key, u"ProfileImagePath", type, buffer.data(), size), 0);
-    EXPECT_EQ(RegCloseKey(key), 0);
-    EXPECT_EQ(type, kRegSz);
-    EXPECT_EQ(WideToUtf8(TextOf(buffer, size)), std::string("C:\\users\\") + account->pw_name);
+    EXPECT_EQ(ReadValue(u"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\ProfileList\\" + sid, u"ProfileImagePath",
+                        view),
+              expected);
   }
 }
 
-TEST_F(WineRegistry, SubkeyOrderAndViewsMatchWine) {
-  ASSERT_EQ(wineOrder_->size(), 9u) << "reg query listed other keys than were added";
-  EXPECT_EQ(Subkeys(kHkeyCurrentUser, u"Software\\QvRegistryOrder", 0), *wineOrder_);
+TEST_F(WinePrefix, RegistrySubkeyOrderAndViewsMatchWine) {
+  // Keys added in an odd order, and an uninstall entry in each view.
+  std::string file = "REGEDIT4\n\n";
+  for (const char* key : {"zeta", "a_b", "aB", "_x", "AA", "a1", "Z", "a^", "Ab", "a"}) {
+    file += std::string("[HKEY_CURRENT_USER\\Software\\QvRegistryOrder\\") + key + "]\n";
+  }
+  file += "[HKEY_LOCAL_MACHINE\\Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\QvRegistry64]\n"
+          "\"DisplayName\"=\"Sixty \\\"four\\\"\"\n"
+          "[HKEY_LOCAL_MACHINE\\Software\\Wow6432Node\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\QvRegistry32]\n"
+          "\"DisplayName\"=\"Thirty-two\"\n";
+  WriteFile(prefix + "/drive_c/qv_registry_test.reg", file);
+  ASSERT_EQ(Wine({"regedit", "/S", "C:\\qv_registry_test.reg"}).exitCode, 0);
+  std::vector<std::u16string> wineOrder;
+  std::istringstream lines(Wine({"reg", "query", "HKCU\\Software\\QvRegistryOrder"}).out);
+  const std::string parent = "HKEY_CURRENT_USER\\Software\\QvRegistryOrder\\";
+  for (std::string line; std::getline(lines, line);) {
+    if (line.starts_with(parent)) wineOrder.push_back(Utf8ToWide(line.substr(parent.size())));
+  }
+  // The registry reaches its files when the server ends.
+  test::Run("/usr/lib/wine/wineserver", {"-w"}, {{"WINEPREFIX", prefix}});
 
-  const auto ours = [](std::uint32_t view) {
-    std::vector<std::u16string> names;
-    for (const auto& name : Subkeys(kHkeyLocalMachine, kUninstall, view)) {
-      if (name.starts_with(u"QvRegistry")) names.push_back(name);
-    }
-    return names;
-  };
-  EXPECT_EQ(ours(kKeyWow64_64Key), std::vector<std::u16string>{u"QvRegistry64"});
-  EXPECT_EQ(ours(kKeyWow64_32Key), std::vector<std::u16string>{u"QvRegistry32"});
-
-  RegKey entry = 0;
-  ASSERT_EQ(RegOpenKeyExW(kHkeyLocalMachine, kUninstall + u"\\qvregistry64", 0, kKeyRead | kKeyWow64_64Key, entry), 0);
-  std::vector<std::uint8_t> buffer(65536, 0);
-  std::uint32_t type = 0;
-  std::uint32_t size = 65536;
-  EXPECT_EQ(RegQueryValueExW(entry, u"displayname", type, buffer.data(), size), 0);
-  EXPECT_EQ(TextOf(buffer, size), u"Sixty \"four\"");
-  EXPECT_EQ(size, 2u * (std::u16string(u"Sixty \"four\"").size() + 1));
-  RegCloseKey(entry);
+  ASSERT_EQ(wineOrder.size(), 9u) << "reg query listed other keys than were added";
+  EXPECT_EQ(Subkeys(kHkeyCurrentUser, u"Software\\QvRegistryOrder", 0), wineOrder);
+  EXPECT_EQ(Subkeys(kHkeyLocalMachine, kUninstall, kKeyWow64_64Key, u"QvRegistry"),
+            std::vector<std::u16string>{u"QvRegistry64"});
+  EXPECT_EQ(Subkeys(kHkeyLocalMachine, kUninstall, kKeyWow64_32Key, u"QvRegistry"),
+            std::vector<std::u16string>{u"QvRegistry32"});
+  EXPECT_EQ(ReadValue(kUninstall + u"\\qvregistry64", u"displayname", kKeyWow64_64Key),
+            std::u16string(u"1Sixty \"four\"") + u'\0');
 }
 
 }  // namespace

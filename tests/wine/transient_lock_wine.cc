@@ -1,91 +1,67 @@
 // Quorvane_Setup.exe under wine64 while another program holds a file of the
 // run open: a hold that ends within the retries lets the run succeed, one
-// that outlasts them fails the run, which then rolls every profile back.
+// that outlasts them fails the run, which then rolls every profile back. And
+// the manifest of the .exe, which declares it long-path aware.
 #include <gtest/gtest.h>
 
 #include <regex>
 
 #include "support/scene.h"
-#include "support/scene.h"
-#include "wine/wine_program.h"
-#include "wine/wine_support.h"
 
 namespace qv::test {
 namespace {
 
-const std::string kWindowsBinary = std::string(QUORVANE_SOURCE_DIR) + "/build/windows/Quorvane_Setup.exe";
-
 struct LockCase {
   const char* what;
-  const char* held;     // below the scene, host form
+  std::string held;     // host path
   int share;            // the holder's share mode
-  const char* trigger;  // Windows pattern after which a brief hold ends; null: held past the bound
-  const char* failure;  // how standard error begins when the run fails
+  std::string trigger;  // Windows pattern after which a brief hold ends; empty: held past the bound
 };
 
-// Profile 0 is the default one (C:\QvLock\R), found in webdeploy; profile 1
-// (C:\QvLock\P2) comes from the saved inventory and is swapped second.
-const LockCase kCases[] = {
-    {"inventory replaced while briefly open", "L/Quorvane/Installation.ini", 3,
-     "C:\\QvLock\\L\\Quorvane\\Installation.ini.*.tmp", nullptr},
-    {"inventory open past the bound", "L/Quorvane/Installation.ini", 3, nullptr,
-     "Cannot save discovered Fusion installations."},
-    {"second add-in renamed while briefly open", "P2/Autodesk/Autodesk Fusion 360/API/AddIns/KELDARO_Quorvane", 3,
-     "C:\\QvLock\\R\\KELDARO\\Quorvane\\InstallBackups\\*\\before", nullptr},
-    {"second add-in open past the bound", "P2/Autodesk/Autodesk Fusion 360/API/AddIns/KELDARO_Quorvane", 3, nullptr,
-     "rename: Sharing violation.: \"C:\\QvLock\\P2\\Autodesk\\Autodesk Fusion 360\\API\\AddIns\\KELDARO_Quorvane\""},
-    {"add-in file copied while briefly held unshared",
-     "P2/Autodesk/Autodesk Fusion 360/API/AddIns/KELDARO_Quorvane/save_policy.py", 0,
-     "C:\\QvLock\\P2\\KELDARO\\Quorvane\\InstallBackups\\*", nullptr},
-    {"add-in file held unshared past the bound",
-     "P2/Autodesk/Autodesk Fusion 360/API/AddIns/KELDARO_Quorvane/save_policy.py", 0, nullptr,
-     "Cannot stage existing profile."},
-};
-
-TEST(WineTransientLock, BriefHoldsAreWaitedOutAndLastingOnesRollBack) {
-  const std::string prefix = SharedWinePrefix();
-  if (prefix.empty()) GTEST_SKIP() << "no Wine prefix: wine64 could not be installed or wineboot failed";
-  if (!Exists(kWindowsBinary)) GTEST_SKIP() << "no Windows build at " << kWindowsBinary;
-  if (!Exists(QUORVANE_HOLD_FILE)) GTEST_SKIP() << "no MinGW-built " << QUORVANE_HOLD_FILE;
-
-  const std::string base = prefix + "/drive_c/QvLock";
-  for (const LockCase& c : kCases) {
+TEST_F(WinePrefix, BriefHoldsAreWaitedOutAndLastingOnesRollBack) {
+  QV_SKIP_UNLESS(wine.missing.empty(), wine.missing);
+  // Profile 0 is the default one, found in webdeploy; profile 1 comes from
+  // the saved inventory and is swapped second.
+  const auto cases = [](const ProfileScene& s) {
+    const std::string inventory = s.InventoryFile(), addIn = s.AddIn(1), file = s.AddIn(1) + "/save_policy.py";
+    return std::vector<LockCase>{
+        {"inventory replaced while briefly open", inventory, 3, s.Win(inventory) + ".*.tmp"},
+        {"inventory open past the bound", inventory, 3, ""},
+        {"second add-in renamed while briefly open", addIn, 3, s.Win(s.Backups(0)) + "\\*\\before"},
+        {"second add-in open past the bound", addIn, 3, ""},
+        {"add-in file copied while briefly held unshared", file, 0, s.Win(s.Backups(1)) + "\\*"},
+        {"add-in file held unshared past the bound", file, 0, ""}};
+  };
+  for (std::size_t i = 0; i < 6; ++i) {
+    const ProfileScene s(wine, 2);
+    const LockCase c = cases(s)[i];
     SCOPED_TRACE(c.what);
-    std::system(("rm -rf '" + base + "'").c_str());
-    MakeFusionInstallation(base + "/L/Autodesk/webdeploy/production/b1");
-    MakeFusionInstallation(base + "/F2");
-    WriteFile(base + "/L/Quorvane/Installation.ini", InventoryBytes({{"C:\\QvLock\\F2\\Fusion360.exe", "C:\\QvLock\\P2"}}));
-    const std::vector<std::string> addIns{base + "/R/Autodesk/Autodesk Fusion 360/API/AddIns/KELDARO_Quorvane",
-                                          base + "/P2/Autodesk/Autodesk Fusion 360/API/AddIns/KELDARO_Quorvane"};
-    for (const std::string& addIn : addIns) MakeInstalledAddIn(addIn, "old");
-    MakePackage(base + "/Pkg", "new");
-    const TreeSnapshot before = SnapshotTree(addIns[0]);
-    const std::string inventory = ReadFile(base + "/L/Quorvane/Installation.ini");
-
-    std::vector<std::string> holder{QUORVANE_HOLD_FILE, "C:\\QvLock\\" + std::string(c.held),
-                                    std::to_string(c.share), "C:\\QvLock\\holding"};
-    for (char& ch : holder[1]) ch = ch == '/' ? '\\' : ch;
-    if (c.trigger != nullptr) holder.insert(holder.end(), {c.trigger, "300"});
-    WineProgram holding(prefix, holder);
-    ASSERT_TRUE(holding.WaitFor(base + "/holding")) << "hold_file.exe ended without holding " << c.held;
-
-    RunResult r = RunUnderWine(prefix, kWindowsBinary,
-                               {"/install", "/test-appdata", "C:\\QvLock\\R", "/test-localappdata", "C:\\QvLock\\L",
-                                "/package", "C:\\QvLock\\Pkg"});
-    r.err = std::regex_replace(r.err, std::regex("\r\n"), "\n");
-    if (c.failure == nullptr) {
-      EXPECT_EQ(r.exitCode, 0) << r.err;
-      for (const std::string& addIn : addIns) EXPECT_EQ(SnapshotTree(addIn), UpdatedAddIn(before)) << addIn;
-      EXPECT_NE(ReadFile(base + "/L/Quorvane/Installation.ini"), inventory);
-    } else {
-      EXPECT_EQ(r.exitCode, 6);
-      EXPECT_EQ(r.err.rfind(c.failure, 0), 0u) << r.err;
-      EXPECT_NE(r.err.find("\nInstalled profiles restored.\n"), std::string::npos) << r.err;
-      for (const std::string& addIn : addIns) EXPECT_EQ(SnapshotTree(addIn), before) << addIn;
-      EXPECT_EQ(ReadFile(base + "/L/Quorvane/Installation.ini"), inventory);
-    }
+    const Before before(s);
+    std::vector<std::string> holder{"hold", s.Win(c.held), std::to_string(c.share)};
+    if (!c.trigger.empty()) holder.insert(holder.end(), {c.trigger, "300"});
+    Background holding = s.machine.Start(QUORVANE_WINE_PROBE, holder);
+    ASSERT_TRUE(holding.WaitForOutput("holding")) << "the probe ended without holding " << c.held;
+    const RunResult r = s.Tool("/install");
+    // Both profiles were staged when the run fails.
+    if (c.trigger.empty()) ExpectRolledBack(s, before, r, 2);
+    else ExpectCompleted(s, before, r, false);
   }
-  std::system(("rm -rf '" + base + "'").c_str());
+}
+
+TEST_F(WinePrefix, ManifestDeclaresItsLevelAndLongPathAwareness) {
+  QV_SKIP_UNLESS(wine.missing.empty() && Exists(QUORVANE_WINDRES), "No .exe or no MinGW windres");
+  const RunResult r = test::Run(QUORVANE_WINDRES, {"-i", wine.binary, "-O", "rc"});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  // The RT_MANIFEST resource comes back as rc strings, quotes doubled.
+  const std::size_t start = r.out.find("1 24 ");
+  ASSERT_NE(start, std::string::npos) << r.out;
+  std::string xml = r.out.substr(start, r.out.find("\nEND", start) - start);
+  xml = std::regex_replace(std::regex_replace(xml, std::regex("\"\\s*\n\\s*\""), ""), std::regex("\"\""), "\"");
+  for (const char* declaration : {R"(<requestedExecutionLevel level="asInvoker" uiAccess="false"/>)",
+                                  R"(<longPathAware xmlns="http://schemas.microsoft.com/SMI/2016/WindowsSettings">true<)",
+                                  R"(<supportedOS Id="{8e0f7a12-bfb3-4fe8-b9a5-48fd50a15a9a}"/>)"}) {
+    EXPECT_NE(xml.find(declaration), std::string::npos) << declaration << "\n" << xml;
+  }
 }
 
 }  // namespace

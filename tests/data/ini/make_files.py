@@ -4,9 +4,9 @@
 Each file exercises one group of behaviours; queries.txt names what is asked
 of each. Run from this folder; the files are committed, so this is only
 needed when a case is added. Then record Wine's answers anew with the probe
-(build/dev/tests/profile_probe.exe, built when MinGW-w64 is installed):
+(build/dev/tests/wine_probe.exe, built when MinGW-w64 is installed):
 
-  wine64 profile_probe.exe 'Z:\\...\\tests\\data\\ini' 'Z:\\...\\queries.txt' 'Z:\\...\\expected.txt'
+  wine64 wine_probe.exe profile 'Z:\\...\\tests\\data\\ini' 'Z:\\...\\queries.txt' 'Z:\\...\\expected.txt'
 """
 
 import codecs
