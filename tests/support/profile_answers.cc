@@ -29,18 +29,6 @@ WString Unescape(const std::string& field) {
   return out;
 }
 
-std::vector<std::string> SplitTabs(const std::string& line) {
-  std::vector<std::string> fields(1);
-  for (char c : line) {
-    if (c == '\t') {
-      fields.emplace_back();
-    } else {
-      fields.back().push_back(c);
-    }
-  }
-  return fields;
-}
-
 }  // namespace
 
 std::vector<ProfileAnswer> ParseProfileAnswers(const std::string& text) {
@@ -48,21 +36,16 @@ std::vector<ProfileAnswer> ParseProfileAnswers(const std::string& text) {
   std::istringstream in(text);
   for (std::string line; std::getline(in, line);) {
     if (line.empty() || line[0] == '#') continue;
-    std::vector<std::string> f = SplitTabs(line);
+    std::vector<std::string> f;
+    std::istringstream fields(line + "\t");  // the last field may be empty
+    for (std::string field; std::getline(fields, field, '\t');) f.push_back(field);
     if (f.size() != 7) {
       ADD_FAILURE() << "bad answer line: " << line.substr(0, 200);
       continue;
     }
-    ProfileAnswer a;
-    a.line = line.size() > 200 ? line.substr(0, 200) + "..." : line;
-    a.file = f[0];
-    a.section = Unescape(f[1]);
-    a.key = Unescape(f[2]);
-    a.defaultValue = Unescape(f[3]);
-    a.size = static_cast<std::uint32_t>(std::stoul(f[4]));
-    a.result = static_cast<std::uint32_t>(std::stoul(f[5]));
-    a.units = f[6];
-    answers.push_back(a);
+    answers.push_back({line.substr(0, 200), f[0], Unescape(f[1]), Unescape(f[2]), Unescape(f[3]),
+                       static_cast<std::uint32_t>(std::stoul(f[4])), static_cast<std::uint32_t>(std::stoul(f[5])),
+                       f[6]});
   }
   return answers;
 }
@@ -70,17 +53,11 @@ std::vector<ProfileAnswer> ParseProfileAnswers(const std::string& text) {
 std::string ProfileUnitsText(const WString& value) {
   std::string out;
   char text[32];
-  for (std::size_t i = 0; i < value.size();) {
-    std::size_t run = 1;
+  for (std::size_t i = 0, run = 1; i < value.size(); i += run, run = 1) {
     while (i + run < value.size() && value[i + run] == value[i]) ++run;
-    if (!out.empty()) out.push_back(' ');
-    if (run >= 4) {
-      std::snprintf(text, sizeof text, "%04X*%zu", static_cast<unsigned>(value[i]), run);
-      i += run;
-    } else {
-      std::snprintf(text, sizeof text, "%04X", static_cast<unsigned>(value[i]));
-      i += 1;
-    }
+    if (run < 4) run = 1;
+    std::snprintf(text, sizeof text, run >= 4 ? "%s%04X*%zu" : "%s%04X", out.empty() ? "" : " ",
+                  static_cast<unsigned>(value[i]), run);
     out += text;
   }
   return out;

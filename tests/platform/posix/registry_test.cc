@@ -191,7 +191,7 @@ TEST_F(PosixRegistry, OpenKeysFollowARewrittenFile) {
 TEST_F(PosixRegistry, ValuesComeWithTheSizesWindowsReports) {
   WriteSystemReg({{u"Software\\V",
                    {SzValue(u"Text", u"abc"), SzValue(u"", u"default"),
-                    test::BinaryValue(u"Fits", Bytes(65536, 1)), SzValue(u"TooLong", std::u16string(32768, u'x')),
+                    test::TypedValue(u"Fits", kRegBinary, Bytes(65536, 1)), SzValue(u"TooLong", std::u16string(32768, u'x')),
                     test::TypedValue(u"Unterminated", kRegSz, {'A', 0, 'B', 0}),
                     test::TypedValue(u"Odd", kRegExpandSz, {'A', 0, 'B'}),
                     test::TypedValue(u"Inner", kRegSz, {'A', 0, 0, 0, 'B', 0}),
