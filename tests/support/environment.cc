@@ -66,14 +66,13 @@ Background StartChild(const std::function<int()>& inChild) {
   return child;
 }
 
-const char* TempBase() {
-  const char* base = std::getenv("TMPDIR");
-  return base != nullptr && *base != '\0' ? base : "/tmp";
+void SetEnv(const std::string& name, const std::optional<std::string>& value) {
+  value ? ::setenv(name.c_str(), value->c_str(), 1) : ::unsetenv(name.c_str());
 }
 
 }  // namespace
 
-TempDir::TempDir() : TempDir(TempBase()) {}
+TempDir::TempDir() : TempDir(std::getenv("TMPDIR") != nullptr ? std::getenv("TMPDIR") : "/tmp") {}
 
 TempDir::TempDir(const std::string& parent) {
   fs::create_directories(parent);
@@ -96,18 +95,10 @@ TempDir::~TempDir() {
 
 ScopedEnv::ScopedEnv(std::string name, const std::optional<std::string>& value) : name_(std::move(name)) {
   if (const char* old = std::getenv(name_.c_str())) saved_ = old;
-  if (value)
-    ::setenv(name_.c_str(), value->c_str(), 1);
-  else
-    ::unsetenv(name_.c_str());
+  SetEnv(name_, value);
 }
 
-ScopedEnv::~ScopedEnv() {
-  if (saved_)
-    ::setenv(name_.c_str(), saved_->c_str(), 1);
-  else
-    ::unsetenv(name_.c_str());
-}
+ScopedEnv::~ScopedEnv() { SetEnv(name_, saved_); }
 
 void MakeDirs(const std::string& path) { fs::create_directories(path); }
 
@@ -135,8 +126,8 @@ bool Exists(const std::string& path) {
 }
 
 std::string Utf16LeWithBom(const std::u16string& text) {
-  const std::vector<std::uint8_t> units = Utf16LeBytes(text, false);
-  return "\xFF\xFE" + std::string(units.begin(), units.end());
+  const std::vector<std::uint8_t> units = Utf16LeBytes(u"\uFEFF" + text, false);
+  return std::string(units.begin(), units.end());
 }
 
 std::vector<std::uint8_t> Utf16LeBytes(const std::u16string& text, bool terminate) {
@@ -151,18 +142,15 @@ Background Spawn(const std::string& program, const std::vector<std::string>& arg
                  const std::string& workingDirectory) {
   std::vector<std::string> envStrings, argStrings{program};
   for (char** e = environ; *e != nullptr; ++e) {
-    const std::string entry(*e);
-    if (env.count(entry.substr(0, entry.find('='))) == 0) envStrings.push_back(entry);
+    if (!env.contains(std::string(*e).substr(0, std::string(*e).find('=')))) envStrings.push_back(*e);
   }
   for (const auto& [name, value] : env) {
     if (!value.empty()) envStrings.push_back(name + "=" + value);
   }
   argStrings.insert(argStrings.end(), args.begin(), args.end());
-  std::vector<char*> envp, argv;
-  for (std::string& s : envStrings) envp.push_back(s.data());
-  for (std::string& s : argStrings) argv.push_back(s.data());
-  envp.push_back(nullptr);
-  argv.push_back(nullptr);
+  std::vector<char*> envp{nullptr}, argv{nullptr};
+  for (std::string& s : envStrings) envp.insert(envp.end() - 1, s.data());
+  for (std::string& s : argStrings) argv.insert(argv.end() - 1, s.data());
   return StartChild([&] {
     if (!workingDirectory.empty() && ::chdir(workingDirectory.c_str()) != 0) return 126;
     ::execve(program.c_str(), argv.data(), envp.data());

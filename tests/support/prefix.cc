@@ -100,12 +100,9 @@ void FixturePrefix::AddProcess(int pid, const std::string& argv0, const std::str
 }
 
 FixturePrefix MakeFixturePrefix(const std::string& folder, bool profileList) {
-  FixturePrefix prefix;
-  prefix.root = folder + "/prefix";
-  prefix.procRoot = folder + "/proc";
-  prefix.sid = "S-1-5-21-0-0-0-1000";
-  struct passwd* pw = ::getpwuid(::getuid());
-  prefix.userName = pw != nullptr ? pw->pw_name : "root";
+  const passwd* pw = ::getpwuid(::getuid());
+  const FixturePrefix prefix{folder + "/prefix", folder + "/proc", pw != nullptr ? pw->pw_name : "root",
+                             "S-1-5-21-0-0-0-1000"};
   MakeDirs(prefix.procRoot);
   MakeDirs(prefix.RoamingHost());
   MakeDirs(prefix.LocalHost());

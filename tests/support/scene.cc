@@ -36,19 +36,13 @@ void Walk(const fs::path& path, const std::string& relative, TreeSnapshot& snaps
   std::error_code ec;
   const fs::file_status status = fs::symlink_status(path, ec);
   if (ec || !fs::exists(status)) return;
-  if (fs::is_symlink(status)) {
-    snapshot[relative] = "<link:" + fs::read_symlink(path, ec).string() + ">";
-  } else if (fs::is_regular_file(status)) {
-    snapshot[relative] = ReadFile(path);
-  } else if (!fs::is_directory(status)) {
-    snapshot[relative] = "<other>";
-  } else {
-    snapshot[relative] = "<dir>";
-    for (const fs::directory_entry& entry : fs::directory_iterator(path, ec)) {
-      const std::string name = entry.path().filename();
-      Walk(entry.path(), relative == "." ? name : relative + "/" + name, snapshot);
-    }
-  }
+  snapshot[relative] = fs::is_symlink(status)        ? "<link:" + fs::read_symlink(path, ec).string() + ">"
+                       : fs::is_regular_file(status) ? ReadFile(path)
+                       : fs::is_directory(status)    ? "<dir>"
+                                                     : "<other>";
+  if (!fs::is_directory(status)) return;
+  for (const fs::directory_entry& entry : fs::directory_iterator(path, ec))
+    Walk(entry.path(), (relative == "." ? "" : relative + "/") + entry.path().filename().string(), snapshot);
 }
 
 std::string OneLine(std::string text) {
@@ -72,13 +66,10 @@ TreeSnapshot SnapshotTree(const std::string& root) {
 
 std::string DescribeTreeDifference(const TreeSnapshot& expected, const TreeSnapshot& actual) {
   std::string text;
-  for (const auto& [path, content] : expected) {
-    auto found = actual.find(path);
-    if (found == actual.end() || found->second != content) text += "  missing or differs: " + path + "\n";
-  }
-  for (const auto& [path, content] : actual) {
-    if (expected.count(path) == 0) text += "  extra: " + path + "\n";
-  }
+  for (const auto& [path, content] : expected)
+    if (!actual.contains(path) || actual.at(path) != content) text += "  missing or differs: " + path + "\n";
+  for (const auto& [path, content] : actual)
+    if (!expected.contains(path)) text += "  extra: " + path + "\n";
   return text;
 }
 
@@ -239,10 +230,6 @@ std::string ProfileScene::InstalledInventory() const {
   return InventoryBytes(records);
 }
 
-std::string ProfileScene::RecoveryLine(std::size_t i, const std::string& id) const {
-  return "Recovery directory: " + Win(Backups(i)) + "\\" + id + "\n";
-}
-
 std::vector<std::string> ProfileScene::TransactionDirectories(std::size_t i) const {
   std::vector<std::string> names;
   std::error_code ec;
@@ -251,14 +238,6 @@ std::vector<std::string> ProfileScene::TransactionDirectories(std::size_t i) con
   }
   std::sort(names.begin(), names.end());
   return names;
-}
-
-std::string ProfileScene::TransactionId() const {
-  for (std::size_t i = 0; i < profiles.size(); ++i) {
-    const std::vector<std::string> ids = TransactionDirectories(i);
-    if (ids.size() == 1) return ids[0];
-  }
-  return "";
 }
 
 RunResult ProfileScene::Tool(const std::string& action, const EnvChanges& env) const {
@@ -311,7 +290,7 @@ std::string ExpectRolledBack(const ProfileScene& s, const Before& before, const 
   const std::string id = passed == 0 ? "" : recovery.substr(recovery.rfind('\\') + 1);
   EXPECT_TRUE(passed == 0 || std::regex_match(id, std::regex("[0-9]+-[0-9]+"))) << r.err;
   std::string expected = failure + "\n";
-  for (std::size_t i = passed; i-- > 0;) expected += s.RecoveryLine(i, id);
+  for (std::size_t i = passed; i-- > 0;) expected += "Recovery directory: " + s.Win(s.Backups(i)) + "\\" + id + "\n";
   EXPECT_EQ(r.err, expected + closing + "\n");
   if (closing != "Installed profiles restored.") return id;
   for (std::size_t i = 0; i < s.profiles.size(); ++i) {
