@@ -158,7 +158,7 @@ Background Spawn(const std::string& program, const std::vector<std::string>& arg
   });
 }
 
-Background Fork(const std::function<int()>& body, bool withoutRootPowers) {
+RunResult RunInChild(const std::function<int()>& body, bool withoutRootPowers) {
   return StartChild([&] {
     const uid_t nobody = 65534;
     if (withoutRootPowers && ::geteuid() == 0 &&
@@ -168,7 +168,7 @@ Background Fork(const std::function<int()>& body, bool withoutRootPowers) {
     const int code = body();
     std::fflush(nullptr);
     return code;
-  });
+  }).Finish();
 }
 
 Background::Background(Background&& other) noexcept

@@ -88,21 +88,17 @@ struct Background {
   std::string seen;  // standard output so far
 };
 
-// Starts a program (`program` is its path).
+// Starts a program (`program` is its path), left running or run to its end.
 Background Spawn(const std::string& program, const std::vector<std::string>& args, const EnvChanges& env = {},
                  const std::string& workingDirectory = "");
-// Runs `body` in a forked child, which ends with body's result and no
-// clean-up. `withoutRootPowers`: root gives up its powers in the child and
-// runs as nobody, so that folder modes apply.
-Background Fork(const std::function<int()>& body, bool withoutRootPowers = false);
-
-// A program run to its end; `body` run to its end in a forked child.
 inline RunResult Run(const std::string& program, const std::vector<std::string>& args, const EnvChanges& env = {},
                      const std::string& workingDirectory = "", int timeoutMs = 120000) {
   return Spawn(program, args, env, workingDirectory).Finish(0, timeoutMs);
 }
-inline RunResult RunInChild(const std::function<int()>& body, bool withoutRootPowers = false) {
-  return Fork(body, withoutRootPowers).Finish();
-}
+
+// Runs `body` in a forked child to its end, which is body's result with no
+// clean-up. `withoutRootPowers`: root gives up its powers in the child and
+// runs as nobody, so that folder modes apply.
+RunResult RunInChild(const std::function<int()>& body, bool withoutRootPowers = false);
 
 }  // namespace qv::test

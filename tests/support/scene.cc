@@ -183,34 +183,21 @@ RunResult Machine::Run(const std::vector<std::string>& args, EnvChanges env, int
 }
 
 ProfileScene::ProfileScene(const ToolUnderTest& tool, std::size_t profileCount, const std::vector<bool>& withAddIn)
-    : machine(tool) {
-  roaming = machine.C("R");
-  local = machine.C("L");
-  package = machine.C("Pkg");
-  MakeDirs(roaming);
-  MakeDirs(local);
+    : machine(tool), roaming(machine.C("R")), local(machine.C("L")), package(machine.C("Pkg")) {
   MakePackage(package);
-
-  // The default profile: an installation that the webdeploy scan finds.
-  const std::string webdeploy = local + "/Autodesk/webdeploy/production/0123abcd";
-  MakeFusionInstallation(webdeploy);
-  executables.push_back(webdeploy + "/Fusion360.exe");
-  profiles.push_back(roaming);
-
-  // The others: installations outside the scanned folder, known from the
-  // saved inventory, which names their profiles. The third is also laid out
-  // as a portable installation.
-  if (profileCount >= 2) {
-    MakeFusionInstallation(machine.C("F2"));
-    executables.push_back(machine.C("F2/Fusion360.exe"));
-    profiles.push_back(machine.C("P2"));
+  // The default profile's installation, which the webdeploy scan finds; the
+  // others lie outside the scanned folder and are known from the saved
+  // inventory, which names their profiles. The third is also laid out as a
+  // portable installation.
+  const std::string layout[][2] = {{local + "/Autodesk/webdeploy/production/0123abcd", roaming},
+                                   {machine.C("F2"), machine.C("P2")},
+                                   {machine.C("PP/bin"), machine.C("PP/PortableData/Roaming")}};
+  for (std::size_t i = 0; i < profileCount; ++i) {
+    MakeFusionInstallation(layout[i][0]);
+    executables.push_back(layout[i][0] + "/Fusion360.exe");
+    profiles.push_back(layout[i][1]);
   }
-  if (profileCount >= 3) {
-    MakeFusionInstallation(machine.C("PP/bin"));
-    MakeDirs(machine.C("PP/PortableData/Local"));
-    executables.push_back(machine.C("PP/bin/Fusion360.exe"));
-    profiles.push_back(machine.C("PP/PortableData/Roaming"));
-  }
+  if (profileCount >= 3) MakeDirs(machine.C("PP/PortableData/Local"));
   std::vector<std::pair<std::string, std::string>> saved;
   for (std::size_t i = 1; i < profiles.size(); ++i) saved.emplace_back(Win(executables[i]), Win(profiles[i]));
   if (!saved.empty()) WriteFile(InventoryFile(), InventoryBytes(saved));

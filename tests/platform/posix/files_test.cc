@@ -103,6 +103,12 @@ bool Opens(const WString& path, std::uint32_t access, std::uint32_t disposition)
   return ScopedHandle(CreateFileW(path, access, 0, disposition, kFileAttributeNormal)).valid();
 }
 
+// A call of `f` with these arguments, made when the row runs.
+template <typename F, typename... A>
+std::function<bool()> Call(F f, A... args) {
+  return [=] { return f(args...); };
+}
+
 // Rows run in order, each on what the rows before it left. A file whose mode
 // grants no write is read-only, also to root; a folder never moves to another
 // file system (/dev/shm, when it is one).
@@ -135,40 +141,38 @@ TEST_F(HostFiles, MovesCopiesCreatesAndAttributesKeepWindowsOutcomes) {
   };
   std::vector<Row> rows = {
       // A folder at the target is never replaced, even when empty or in another case.
-      {"folder onto a folder", [] { return MoveFileExW(u"C:\\a", u"C:\\upper", 0); }, kErrorAccessDenied},
+      {"folder onto a folder", Call(MoveFileExW, u"C:\\a", u"C:\\upper", 0), kErrorAccessDenied},
       {"folder onto a folder, replacing",
-       [] { return MoveFileExW(u"C:\\a", u"C:\\upper", kMoveFileReplaceExisting); }, kErrorAccessDenied},
-      {"folder renamed", [] { return MoveFileExW(u"C:\\a", u"C:\\moved", 3); }, 0},
-      {"into a missing folder", [] { return MoveFileExW(u"C:\\moved", u"C:\\no\\such", 3); }, kErrorPathNotFound},
-      {"missing source", [] { return MoveFileExW(u"C:\\moved\\absent", u"C:\\x", 3); }, kErrorFileNotFound},
+       Call(MoveFileExW, u"C:\\a", u"C:\\upper", kMoveFileReplaceExisting), kErrorAccessDenied},
+      {"folder renamed", Call(MoveFileExW, u"C:\\a", u"C:\\moved", 3), 0},
+      {"into a missing folder", Call(MoveFileExW, u"C:\\moved", u"C:\\no\\such", 3), kErrorPathNotFound},
+      {"missing source", Call(MoveFileExW, u"C:\\moved\\absent", u"C:\\x", 3), kErrorFileNotFound},
       // A file is replaced only with MOVEFILE_REPLACE_EXISTING; a replaced
       // file holds the source's bytes alone and keeps its own mode.
-      {"file onto a file", [] { return MoveFileExW(u"C:\\f1", u"C:\\f2", 0); }, kErrorAlreadyExists},
+      {"file onto a file", Call(MoveFileExW, u"C:\\f1", u"C:\\f2", 0), kErrorAlreadyExists},
       {"file onto a file, replacing",
-       [] { return MoveFileExW(u"C:\\f1", u"C:\\F2", kMoveFileReplaceExisting | kMoveFileWriteThrough); }, 0},
-      {"copy to a new file", [] { return CopyFileW(u"C:\\src", u"C:\\copy", false); }, 0},
-      {"copy onto a longer file", [] { return CopyFileW(u"C:\\F2", u"C:\\DST", false); }, 0},
-      {"copy onto a file, failing if it exists", [] { return CopyFileW(u"C:\\src", u"C:\\dst", true); },
-       kErrorFileExists},
-      {"delete in another case", [] { return DeleteFileW(u"C:\\new.TMP"); }, 0},
-      {"delete a missing file", [] { return DeleteFileW(u"C:\\new.tmp"); }, kErrorFileNotFound},
+       Call(MoveFileExW, u"C:\\f1", u"C:\\F2", kMoveFileReplaceExisting | kMoveFileWriteThrough), 0},
+      {"copy to a new file", Call(CopyFileW, u"C:\\src", u"C:\\copy", false), 0},
+      {"copy onto a longer file", Call(CopyFileW, u"C:\\F2", u"C:\\DST", false), 0},
+      {"copy onto a file, failing if it exists", Call(CopyFileW, u"C:\\src", u"C:\\dst", true), kErrorFileExists},
+      {"delete in another case", Call(DeleteFileW, u"C:\\new.TMP"), 0},
+      {"delete a missing file", Call(DeleteFileW, u"C:\\new.tmp"), kErrorFileNotFound},
       // Something already there, even a dangling link, is never made anew.
-      {"folder over a dangling link", [] { return CreateDirectoryW(u"C:\\DANGLING"); }, kErrorAlreadyExists},
-      {"folder in a missing folder", [] { return CreateDirectoryW(u"C:\\no\\parent"); }, kErrorPathNotFound},
+      {"folder over a dangling link", Call(CreateDirectoryW, u"C:\\DANGLING"), kErrorAlreadyExists},
+      {"folder in a missing folder", Call(CreateDirectoryW, u"C:\\no\\parent"), kErrorPathNotFound},
       {"attributes of a read-only file",
        [] { return GetFileAttributesW(u"C:\\ro") == (kFileAttributeArchive | kFileAttributeReadonly); }, 0},
-      {"copy onto it", [] { return CopyFileW(u"C:\\src", u"C:\\ro", false); }, kErrorAccessDenied},
-      {"CREATE_ALWAYS onto it", [] { return Opens(u"C:\\ro", kGenericWrite, kCreateAlways); }, kErrorAccessDenied},
-      {"opened for writing", [] { return Opens(u"C:\\ro", kGenericWrite, kOpenExisting); }, kErrorAccessDenied},
-      {"CREATE_NEW finds it there", [] { return Opens(u"C:\\RO", kGenericWrite, kCreateNew); }, kErrorFileExists},
-      {"opened for reading", [] { return Opens(u"C:\\ro", kRead, kOpenExisting); }, 0},
-      {"made read-only", [] { return SetFileAttributesW(u"C:\\rw", kFileAttributeReadonly); }, 0},
-      {"copy onto the file made read-only", [] { return CopyFileW(u"C:\\src", u"C:\\rw", false); },
-       kErrorAccessDenied},
-      {"made plain, hidden asked for", [] { return SetFileAttributesW(u"C:\\ro", kFileAttributeHidden); }, 0},
-      {"copy onto the file made plain", [] { return CopyFileW(u"C:\\src", u"C:\\ro", false); }, 0},
-      {"CREATE_ALWAYS onto a writable file", [] { return Opens(u"C:\\ro", kGenericWrite, kCreateAlways); }, 0},
-      {"attributes of a missing file", [] { return SetFileAttributesW(u"C:\\absent", kFileAttributeNormal); },
+      {"copy onto it", Call(CopyFileW, u"C:\\src", u"C:\\ro", false), kErrorAccessDenied},
+      {"CREATE_ALWAYS onto it", Call(Opens, u"C:\\ro", kGenericWrite, kCreateAlways), kErrorAccessDenied},
+      {"opened for writing", Call(Opens, u"C:\\ro", kGenericWrite, kOpenExisting), kErrorAccessDenied},
+      {"CREATE_NEW finds it there", Call(Opens, u"C:\\RO", kGenericWrite, kCreateNew), kErrorFileExists},
+      {"opened for reading", Call(Opens, u"C:\\ro", kRead, kOpenExisting), 0},
+      {"made read-only", Call(SetFileAttributesW, u"C:\\rw", kFileAttributeReadonly), 0},
+      {"copy onto the file made read-only", Call(CopyFileW, u"C:\\src", u"C:\\rw", false), kErrorAccessDenied},
+      {"made plain, hidden asked for", Call(SetFileAttributesW, u"C:\\ro", kFileAttributeHidden), 0},
+      {"copy onto the file made plain", Call(CopyFileW, u"C:\\src", u"C:\\ro", false), 0},
+      {"CREATE_ALWAYS onto a writable file", Call(Opens, u"C:\\ro", kGenericWrite, kCreateAlways), 0},
+      {"attributes of a missing file", Call(SetFileAttributesW, u"C:\\absent", kFileAttributeNormal),
        kErrorFileNotFound},
   };
   if (across) {
