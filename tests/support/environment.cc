@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -26,12 +25,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 namespace fs = std::filesystem;
 
-// A pipe whose read end does not block and is not inherited.
-void MakePipe(int fds[2]) {
-  if (::pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
-  ::fcntl(fds[0], F_SETFL, O_NONBLOCK);
-}
-
 // Appends what the pipe holds now; closes it at its end.
 void Drain(int& fd, std::string& text) {
   char buffer[65536];
@@ -48,87 +41,38 @@ void Drain(int& fd, std::string& text) {
   }
 }
 
-// Reads both pipes until the child has ended, then takes what they already
-// hold (a background program may keep them open), or kills it when the time
-// is up.
-RunResult Collect(pid_t pid, int out, int err, int timeoutMs) {
-  RunResult result;
-  const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-  int status = 0;
-  for (bool ended = false; !ended;) {
-    ended = ::waitpid(pid, &status, WNOHANG) == pid;
-    if (!ended && Clock::now() > deadline) {
-      ::kill(pid, SIGKILL);
-      ::waitpid(pid, &status, 0);
-      result.timedOut = ended = true;
-    }
-    pollfd fds[2] = {{out, POLLIN, 0}, {err, POLLIN, 0}};
-    ::poll(fds, 2, ended ? 0 : 20);
-    Drain(out, result.out);
-    Drain(err, result.err);
+// Forks a child whose standard input is /dev/null and whose outputs go to
+// pipes (their read ends do not block); the child ends with what `inChild`
+// gives. Between fork and exec a child of a threaded process may only make
+// async-signal-safe calls: `inChild` of a program makes no others.
+Background StartChild(const std::function<int()>& inChild) {
+  int out[2], err[2];
+  if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+  std::fflush(nullptr);
+  Background child;
+  child.pid = ::fork();
+  if (child.pid < 0) throw std::runtime_error("fork failed");
+  if (child.pid == 0) {
+    ::dup2(::open("/dev/null", O_RDONLY | O_CLOEXEC), 0);
+    ::dup2(out[1], 1);
+    ::dup2(err[1], 2);
+    ::_exit(inChild());
   }
-  for (int fd : {out, err}) {
-    if (fd >= 0) ::close(fd);
-  }
-  if (!result.timedOut && WIFEXITED(status)) result.exitCode = WEXITSTATUS(status);
-  if (!result.timedOut && WIFSIGNALED(status)) result.signal = WTERMSIG(status);
-  return result;
+  ::close(out[1]);
+  ::close(err[1]);
+  child.out = out[0];
+  child.err = err[0];
+  for (int fd : {out[0], err[0]}) ::fcntl(fd, F_SETFL, O_NONBLOCK);
+  return child;
 }
 
-// Starts `program` with stdin from /dev/null, stdout into a pipe and stderr
-// into another (when `err` is given); the read ends come back.
-pid_t SpawnWithPipes(const std::string& program, const std::vector<std::string>& args, const EnvChanges& env,
-                     const std::string& workingDirectory, int& out, int* err) {
-  std::map<std::string, std::string> merged;
-  for (char** e = environ; *e != nullptr; ++e) {
-    const std::string entry(*e);
-    if (const std::size_t eq = entry.find('='); eq != std::string::npos)
-      merged[entry.substr(0, eq)] = entry.substr(eq + 1);
-  }
-  for (const auto& [name, value] : env) {
-    if (value.empty())
-      merged.erase(name);
-    else
-      merged[name] = value;
-  }
-  std::vector<std::string> envStrings, argStrings{program};
-  for (const auto& [name, value] : merged) envStrings.push_back(name + "=" + value);
-  argStrings.insert(argStrings.end(), args.begin(), args.end());
-  std::vector<char*> envp, argv;
-  for (std::string& s : envStrings) envp.push_back(s.data());
-  for (std::string& s : argStrings) argv.push_back(s.data());
-  envp.push_back(nullptr);
-  argv.push_back(nullptr);
-
-  int outPipe[2], errPipe[2] = {-1, -1};
-  MakePipe(outPipe);
-  if (err != nullptr) MakePipe(errPipe);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
-  if (err != nullptr) posix_spawn_file_actions_adddup2(&actions, errPipe[1], 2);
-  if (!workingDirectory.empty()) posix_spawn_file_actions_addchdir_np(&actions, workingDirectory.c_str());
-  pid_t pid = 0;
-  const int rc = posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), envp.data());
-  posix_spawn_file_actions_destroy(&actions);
-  for (int fd : {outPipe[1], errPipe[1]}) {
-    if (fd >= 0) ::close(fd);
-  }
-  if (rc != 0) throw std::runtime_error("cannot start " + program + ": " + std::strerror(rc));
-  out = outPipe[0];
-  if (err != nullptr) *err = errPipe[0];
-  return pid;
-}
-
-const char* TempBase() {
-  const char* base = std::getenv("TMPDIR");
-  return base != nullptr && *base != '\0' ? base : "/tmp";
+void SetEnv(const std::string& name, const std::optional<std::string>& value) {
+  value ? ::setenv(name.c_str(), value->c_str(), 1) : ::unsetenv(name.c_str());
 }
 
 }  // namespace
 
-TempDir::TempDir() : TempDir(TempBase()) {}
+TempDir::TempDir() : TempDir(std::getenv("TMPDIR") != nullptr ? std::getenv("TMPDIR") : "/tmp") {}
 
 TempDir::TempDir(const std::string& parent) {
   fs::create_directories(parent);
@@ -151,18 +95,10 @@ TempDir::~TempDir() {
 
 ScopedEnv::ScopedEnv(std::string name, const std::optional<std::string>& value) : name_(std::move(name)) {
   if (const char* old = std::getenv(name_.c_str())) saved_ = old;
-  if (value)
-    ::setenv(name_.c_str(), value->c_str(), 1);
-  else
-    ::unsetenv(name_.c_str());
+  SetEnv(name_, value);
 }
 
-ScopedEnv::~ScopedEnv() {
-  if (saved_)
-    ::setenv(name_.c_str(), saved_->c_str(), 1);
-  else
-    ::unsetenv(name_.c_str());
-}
+ScopedEnv::~ScopedEnv() { SetEnv(name_, saved_); }
 
 void MakeDirs(const std::string& path) { fs::create_directories(path); }
 
@@ -190,8 +126,8 @@ bool Exists(const std::string& path) {
 }
 
 std::string Utf16LeWithBom(const std::u16string& text) {
-  const std::vector<std::uint8_t> units = Utf16LeBytes(text, false);
-  return "\xFF\xFE" + std::string(units.begin(), units.end());
+  const std::vector<std::uint8_t> units = Utf16LeBytes(u"\uFEFF" + text, false);
+  return std::string(units.begin(), units.end());
 }
 
 std::vector<std::uint8_t> Utf16LeBytes(const std::u16string& text, bool terminate) {
@@ -202,39 +138,42 @@ std::vector<std::uint8_t> Utf16LeBytes(const std::u16string& text, bool terminat
   return bytes;
 }
 
-RunResult Run(const std::string& program, const std::vector<std::string>& args, const EnvChanges& env,
-              const std::string& workingDirectory, int timeoutMs) {
-  int out = -1, err = -1;
-  const pid_t pid = SpawnWithPipes(program, args, env, workingDirectory, out, &err);
-  return Collect(pid, out, err, timeoutMs);
+Background Spawn(const std::string& program, const std::vector<std::string>& args, const EnvChanges& env,
+                 const std::string& workingDirectory) {
+  std::vector<std::string> envStrings, argStrings{program};
+  for (char** e = environ; *e != nullptr; ++e) {
+    if (!env.contains(std::string(*e).substr(0, std::string(*e).find('=')))) envStrings.push_back(*e);
+  }
+  for (const auto& [name, value] : env) {
+    if (!value.empty()) envStrings.push_back(name + "=" + value);
+  }
+  argStrings.insert(argStrings.end(), args.begin(), args.end());
+  std::vector<char*> envp{nullptr}, argv{nullptr};
+  for (std::string& s : envStrings) envp.insert(envp.end() - 1, s.data());
+  for (std::string& s : argStrings) argv.insert(argv.end() - 1, s.data());
+  return StartChild([&] {
+    if (!workingDirectory.empty() && ::chdir(workingDirectory.c_str()) != 0) return 126;
+    ::execve(program.c_str(), argv.data(), envp.data());
+    return 127;
+  });
 }
 
 RunResult RunInChild(const std::function<int()>& body, bool withoutRootPowers) {
-  int out[2], err[2];
-  MakePipe(out);
-  MakePipe(err);
-  std::fflush(nullptr);
-  const pid_t child = ::fork();
-  if (child < 0) throw std::runtime_error("fork failed");
-  if (child == 0) {
-    ::dup2(out[1], 1);
-    ::dup2(err[1], 2);
+  return StartChild([&] {
     const uid_t nobody = 65534;
     if (withoutRootPowers && ::geteuid() == 0 &&
         (::setresgid(nobody, nobody, nobody) != 0 || ::setresuid(nobody, nobody, nobody) != 0)) {
-      ::_exit(100);
+      return 100;
     }
     const int code = body();
     std::fflush(nullptr);
-    ::_exit(code);
-  }
-  ::close(out[1]);
-  ::close(err[1]);
-  return Collect(child, out[0], err[0], 120000);
+    return code;
+  }).Finish();
 }
 
-Background::Background(Background&& other) noexcept : pid(other.pid), out(other.out), seen(std::move(other.seen)) {
-  other.pid = other.out = -1;
+Background::Background(Background&& other) noexcept
+    : pid(other.pid), out(other.out), err(other.err), seen(std::move(other.seen)) {
+  other.pid = other.out = other.err = -1;
 }
 
 bool Background::WaitForOutput(const std::string& text, int timeoutMs) {
@@ -247,22 +186,32 @@ bool Background::WaitForOutput(const std::string& text, int timeoutMs) {
   return seen.find(text) != std::string::npos;
 }
 
-int Background::Finish(int signal) {
+RunResult Background::Finish(int signal, int timeoutMs) {
+  RunResult result;
+  if (pid > 0 && signal != 0) ::kill(pid, signal);
+  const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
   int status = 0;
-  if (pid > 0) {
-    if (signal != 0) ::kill(pid, signal);
-    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  bool timedOut = false;
+  for (bool ended = pid <= 0; !ended;) {
+    ended = ::waitpid(pid, &status, WNOHANG) == pid;
+    if (!ended && Clock::now() > deadline) {
+      ::kill(pid, SIGKILL);
+      ::waitpid(pid, &status, 0);
+      timedOut = ended = true;
     }
+    pollfd fds[2] = {{out, POLLIN, 0}, {err, POLLIN, 0}};
+    ::poll(fds, 2, ended ? 0 : 20);
+    Drain(out, seen);
+    Drain(err, result.err);
   }
-  if (out >= 0) ::close(out);
-  pid = out = -1;
-  return status;
-}
-
-Background Spawn(const std::string& program, const std::vector<std::string>& args, const EnvChanges& env) {
-  Background background;
-  background.pid = SpawnWithPipes(program, args, env, "", background.out, nullptr);
-  return background;
+  for (int fd : {out, err}) {
+    if (fd >= 0) ::close(fd);
+  }
+  if (pid > 0 && !timedOut && WIFEXITED(status)) result.exitCode = WEXITSTATUS(status);
+  if (pid > 0 && !timedOut && WIFSIGNALED(status)) result.signal = WTERMSIG(status);
+  result.out = std::move(seen);
+  pid = out = err = -1;
+  return result;
 }
 
 }  // namespace qv::test

@@ -1,7 +1,6 @@
 // The test's own surroundings: temporary folders, environment variables,
-// files written byte for byte, UTF-16 text, and other processes (programs
-// run to their end, code run in a forked child, programs left running in
-// the background).
+// files written byte for byte, UTF-16 text, and child processes (programs
+// and forked code, run to their end or left running in the background).
 #pragma once
 
 #include <sys/types.h>
@@ -58,9 +57,8 @@ std::string Utf16LeWithBom(const std::u16string& text);
 std::vector<std::uint8_t> Utf16LeBytes(const std::u16string& text, bool terminate = true);
 
 struct RunResult {
-  int exitCode = -1;  // -1 when killed by a signal or timed out
+  int exitCode = -1;  // -1 when killed by a signal or past its time
   int signal = 0;
-  bool timedOut = false;
   std::string out;
   std::string err;
 };
@@ -69,34 +67,38 @@ struct RunResult {
 // current environment; an entry with an empty value removes the variable.
 using EnvChanges = std::map<std::string, std::string>;
 
-// Runs a program to its end with standard input from /dev/null, capturing
-// both outputs. Output is read until the process ends, not until end of
-// file: a background program it started (Wine's) may hold the pipes open.
-// A run past `timeoutMs` is killed and reported as timed out.
-RunResult Run(const std::string& program, const std::vector<std::string>& args, const EnvChanges& env = {},
-              const std::string& workingDirectory = "", int timeoutMs = 120000);
-
-// Runs `body` in a forked child and captures what it writes; the child ends
-// with body's result and no clean-up. `withoutRootPowers`: root gives up its
-// powers in the child and runs as nobody, so that folder modes apply.
-RunResult RunInChild(const std::function<int()>& body, bool withoutRootPowers = false);
-
-// A program left running, its standard output a pipe the test reads from.
-// A test that fails early still kills and reaps it.
+// A child process with standard input from /dev/null and both outputs read
+// by the test. A test that fails early still kills and reaps it.
 struct Background {
   Background() = default;
   Background(Background&& other) noexcept;
   Background& operator=(Background&&) = delete;
   ~Background() { Finish(9); }
-  pid_t pid = -1;
-  int out = -1;
-  // Reads until `text` has arrived (or the pipe ends, or the time is up).
+  // Reads standard output until `text` has arrived (or the pipe ends, or the
+  // time is up).
   bool WaitForOutput(const std::string& text, int timeoutMs = 30000);
-  // Waits for the end (killing it first with `signal` when not 0); the
-  // raw wait status.
-  int Finish(int signal = 0);
-  std::string seen;
+  // Waits for the end (killing it first with `signal` when not 0) and gives
+  // what it wrote. Output is read until the process ends, not until end of
+  // file: a background program it started (Wine's) may hold the pipes open.
+  // A child still running after `timeoutMs` is killed.
+  RunResult Finish(int signal = 0, int timeoutMs = 120000);
+
+  pid_t pid = -1;
+  int out = -1, err = -1;
+  std::string seen;  // standard output so far
 };
-Background Spawn(const std::string& program, const std::vector<std::string>& args, const EnvChanges& env = {});
+
+// Starts a program (`program` is its path), left running or run to its end.
+Background Spawn(const std::string& program, const std::vector<std::string>& args, const EnvChanges& env = {},
+                 const std::string& workingDirectory = "");
+inline RunResult Run(const std::string& program, const std::vector<std::string>& args, const EnvChanges& env = {},
+                     const std::string& workingDirectory = "", int timeoutMs = 120000) {
+  return Spawn(program, args, env, workingDirectory).Finish(0, timeoutMs);
+}
+
+// Runs `body` in a forked child to its end, which is body's result with no
+// clean-up. `withoutRootPowers`: root gives up its powers in the child and
+// runs as nobody, so that folder modes apply.
+RunResult RunInChild(const std::function<int()>& body, bool withoutRootPowers = false);
 
 }  // namespace qv::test

@@ -4,9 +4,74 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 
 namespace qv::test {
+namespace {
+
+std::string Format(const char* format, unsigned value) {
+  char buffer[32];
+  std::snprintf(buffer, sizeof buffer, format, value);
+  return buffer;
+}
+
+// Backslashes and `special` characters escaped by a backslash, others
+// outside printable ASCII as \xXXXX, which Wine reads like its own forms.
+std::string Escape(const std::u16string& text, const std::string& special = "") {
+  std::string out;
+  for (char16_t c : text) {
+    if (c < 32 || c > 126) {
+      out += Format("\\x%04x", c);
+    } else {
+      if (c == u'\\' || special.find(static_cast<char>(c)) != std::string::npos) out += '\\';
+      out += static_cast<char>(c);
+    }
+  }
+  return out;
+}
+
+// The shape Wine's server saves: headers with a time, "#time=", escaped
+// names and strings, hex wrapped after the comma that passes column 76.
+std::string WineRegText(const std::vector<RegFileKey>& keys, const std::u16string& relativeTo) {
+  std::string out = "WINE REGISTRY Version 2\n;; All keys relative to " + Escape(relativeTo) + "\n\n#arch=win64\n";
+  for (const RegFileKey& key : keys) {
+    out += "\n[" + Escape(key.path, "[]") + "] 1795423466\n#time=1dd7b26d8da7df8\n" + (key.link ? "#link\n" : "");
+    for (const RegFileValue& value : key.values) {
+      out += (value.name.empty() ? "@=" : "\"" + Escape(value.name, "\"") + "\"=") + value.data + "\n";
+    }
+  }
+  return out;
+}
+
+}  // namespace
+
+RegFileValue SzValue(const std::u16string& name, const std::u16string& text) {
+  return {name, "\"" + Escape(text, "\"") + "\""};
+}
+
+RegFileValue DwordValue(const std::u16string& name, std::uint32_t value) { return {name, Format("dword:%08x", value)}; }
+
+RegFileValue TypedValue(const std::u16string& name, std::uint32_t type, const std::vector<std::uint8_t>& bytes) {
+  std::string line = type == 3 ? "hex:" : Format("hex(%x):", type);
+  // The name's part of the line counts towards the first wrap.
+  for (std::size_t i = 0, column = Escape(name).size() + 3 + line.size(); i < bytes.size(); ++i) {
+    if (i > 0 && column > 76) line += "\\\n  ", column = 2;
+    line += Format(i + 1 < bytes.size() ? "%02x," : "%02x", bytes[i]);
+    column += 3;
+  }
+  return {name, line};
+}
+
+RegFileValue LinkValue(const std::u16string& target) {
+  return TypedValue(u"SymbolicLinkValue", 6, Utf16LeBytes(target, false));
+}
+
+std::string SystemRegFile(const std::vector<RegFileKey>& keys) { return WineRegText(keys, u"REGISTRY\\Machine"); }
+
+std::string UserRegFile(const std::vector<RegFileKey>& keys, const std::u16string& sid) {
+  return WineRegText(keys, u"REGISTRY\\User\\" + sid);
+}
 
 void FixturePrefix::WriteRegistry(const std::vector<RegFileKey>& machineKeys, const std::vector<RegFileKey>& userKeys,
                                   bool profileList) const {
@@ -35,12 +100,9 @@ void FixturePrefix::AddProcess(int pid, const std::string& argv0, const std::str
 }
 
 FixturePrefix MakeFixturePrefix(const std::string& folder, bool profileList) {
-  FixturePrefix prefix;
-  prefix.root = folder + "/prefix";
-  prefix.procRoot = folder + "/proc";
-  prefix.sid = "S-1-5-21-0-0-0-1000";
-  struct passwd* pw = ::getpwuid(::getuid());
-  prefix.userName = pw != nullptr ? pw->pw_name : "root";
+  const passwd* pw = ::getpwuid(::getuid());
+  const FixturePrefix prefix{folder + "/prefix", folder + "/proc", pw != nullptr ? pw->pw_name : "root",
+                             "S-1-5-21-0-0-0-1000"};
   MakeDirs(prefix.procRoot);
   MakeDirs(prefix.RoamingHost());
   MakeDirs(prefix.LocalHost());

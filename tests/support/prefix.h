@@ -22,13 +22,10 @@ namespace qv::test {
 // names and strings, wrapped hex), so the reader is tested against what
 // Wine writes.
 
+// A value as its line has it after "name=".
 struct RegFileValue {
   std::u16string name;  // empty: the default value, written "@="
-  std::uint32_t type = 1;
-  std::vector<std::uint8_t> data;
-  // Strings as hex(N): bytes instead of str(N):"...", as exported .reg files
-  // have them.
-  bool hexForm = false;
+  std::string data;
 };
 
 struct RegFileKey {
@@ -38,17 +35,13 @@ struct RegFileKey {
 };
 
 RegFileValue SzValue(const std::u16string& name, const std::u16string& text);
-RegFileValue ExpandSzValue(const std::u16string& name, const std::u16string& text, bool hexForm = false);
 RegFileValue DwordValue(const std::u16string& name, std::uint32_t value);
-RegFileValue BinaryValue(const std::u16string& name, const std::vector<std::uint8_t>& bytes);
+// Any bytes as hex(N):, as Wine saves what is no whole string.
 RegFileValue TypedValue(const std::u16string& name, std::uint32_t type, const std::vector<std::uint8_t>& bytes);
 // A link key's value: the target as "\Registry\Machine\..." (type 6, no NUL).
 RegFileValue LinkValue(const std::u16string& target);
 
-// The whole file: "WINE REGISTRY Version 2", the ";; All keys relative to"
-// line naming `relativeTo` (unescaped, e.g. "REGISTRY\\Machine"), "#arch=win64",
-// then each key in the order given.
-std::string WineRegText(const std::vector<RegFileKey>& keys, const std::u16string& relativeTo);
+// Whole files, keys in the order given: system.reg, and user.reg of `sid`.
 std::string SystemRegFile(const std::vector<RegFileKey>& keys);
 std::string UserRegFile(const std::vector<RegFileKey>& keys, const std::u16string& sid = u"S-1-5-21-0-0-0-1000");
 
@@ -65,7 +58,6 @@ struct FixturePrefix {
   std::string RoamingHost() const { return C("users/" + userName + "/AppData/Roaming"); }
   std::string LocalHost() const { return C("users/" + userName + "/AppData/Local"); }
   std::string RoamingWin() const { return "C:\\users\\" + userName + "\\AppData\\Roaming"; }
-  std::string LocalWin() const { return "C:\\users\\" + userName + "\\AppData\\Local"; }
 
   // Environment for a run of the tool against this prefix.
   EnvChanges Env() const { return {{"WINEPREFIX", root}, {"QUORVANE_PROC_ROOT", procRoot}}; }

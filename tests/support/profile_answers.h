@@ -17,16 +17,14 @@ struct ProfileAnswer {
   WString section, key, defaultValue;
   std::uint32_t size = 0;
   std::uint32_t result = 0;
-  std::string units;  // the code units placed in the buffer, in the probe's notation
+  WString value;  // what was placed in the buffer
 };
 
-// Lines "file, section, key, default, size, result, units" separated by tabs;
-// "#" lines are skipped. A malformed line fails the running test.
+// Lines "file, section, key, default, size, result, units" separated by tabs,
+// the units four hex digits each, separated by blanks, a run of four or more
+// equal ones as "XXXX*count"; "#" lines are skipped. A malformed line fails
+// the running test.
 std::vector<ProfileAnswer> ParseProfileAnswers(const std::string& text);
-
-// The probe's notation: four hex digits a unit, separated by blanks; a run of
-// four or more equal units as "XXXX*count".
-std::string ProfileUnitsText(const WString& value);
 
 // Asks the seam's GetPrivateProfileStringW each question against the files of
 // the host folder `folder` and expects the same answers. $WINEPREFIX must

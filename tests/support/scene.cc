@@ -36,19 +36,13 @@ void Walk(const fs::path& path, const std::string& relative, TreeSnapshot& snaps
   std::error_code ec;
   const fs::file_status status = fs::symlink_status(path, ec);
   if (ec || !fs::exists(status)) return;
-  if (fs::is_symlink(status)) {
-    snapshot[relative] = "<link:" + fs::read_symlink(path, ec).string() + ">";
-  } else if (fs::is_regular_file(status)) {
-    snapshot[relative] = ReadFile(path);
-  } else if (!fs::is_directory(status)) {
-    snapshot[relative] = "<other>";
-  } else {
-    snapshot[relative] = "<dir>";
-    for (const fs::directory_entry& entry : fs::directory_iterator(path, ec)) {
-      const std::string name = entry.path().filename();
-      Walk(entry.path(), relative == "." ? name : relative + "/" + name, snapshot);
-    }
-  }
+  snapshot[relative] = fs::is_symlink(status)        ? "<link:" + fs::read_symlink(path, ec).string() + ">"
+                       : fs::is_regular_file(status) ? ReadFile(path)
+                       : fs::is_directory(status)    ? "<dir>"
+                                                     : "<other>";
+  if (!fs::is_directory(status)) return;
+  for (const fs::directory_entry& entry : fs::directory_iterator(path, ec))
+    Walk(entry.path(), (relative == "." ? "" : relative + "/") + entry.path().filename().string(), snapshot);
 }
 
 std::string OneLine(std::string text) {
@@ -72,13 +66,10 @@ TreeSnapshot SnapshotTree(const std::string& root) {
 
 std::string DescribeTreeDifference(const TreeSnapshot& expected, const TreeSnapshot& actual) {
   std::string text;
-  for (const auto& [path, content] : expected) {
-    auto found = actual.find(path);
-    if (found == actual.end() || found->second != content) text += "  missing or differs: " + path + "\n";
-  }
-  for (const auto& [path, content] : actual) {
-    if (expected.count(path) == 0) text += "  extra: " + path + "\n";
-  }
+  for (const auto& [path, content] : expected)
+    if (!actual.contains(path) || actual.at(path) != content) text += "  missing or differs: " + path + "\n";
+  for (const auto& [path, content] : actual)
+    if (!expected.contains(path)) text += "  extra: " + path + "\n";
   return text;
 }
 
@@ -202,34 +193,21 @@ RunResult RunUnderWine(const std::string& prefix, const std::vector<std::string>
 }
 
 ProfileScene::ProfileScene(const ToolUnderTest& tool, std::size_t profileCount, const std::vector<bool>& withAddIn)
-    : machine(tool) {
-  roaming = machine.C("R");
-  local = machine.C("L");
-  package = machine.C("Pkg");
-  MakeDirs(roaming);
-  MakeDirs(local);
+    : machine(tool), roaming(machine.C("R")), local(machine.C("L")), package(machine.C("Pkg")) {
   MakePackage(package);
-
-  // The default profile: an installation that the webdeploy scan finds.
-  const std::string webdeploy = local + "/Autodesk/webdeploy/production/0123abcd";
-  MakeFusionInstallation(webdeploy);
-  executables.push_back(webdeploy + "/Fusion360.exe");
-  profiles.push_back(roaming);
-
-  // The others: installations outside the scanned folder, known from the
-  // saved inventory, which names their profiles. The third is also laid out
-  // as a portable installation.
-  if (profileCount >= 2) {
-    MakeFusionInstallation(machine.C("F2"));
-    executables.push_back(machine.C("F2/Fusion360.exe"));
-    profiles.push_back(machine.C("P2"));
+  // The default profile's installation, which the webdeploy scan finds; the
+  // others lie outside the scanned folder and are known from the saved
+  // inventory, which names their profiles. The third is also laid out as a
+  // portable installation.
+  const std::string layout[][2] = {{local + "/Autodesk/webdeploy/production/0123abcd", roaming},
+                                   {machine.C("F2"), machine.C("P2")},
+                                   {machine.C("PP/bin"), machine.C("PP/PortableData/Roaming")}};
+  for (std::size_t i = 0; i < profileCount; ++i) {
+    MakeFusionInstallation(layout[i][0]);
+    executables.push_back(layout[i][0] + "/Fusion360.exe");
+    profiles.push_back(layout[i][1]);
   }
-  if (profileCount >= 3) {
-    MakeFusionInstallation(machine.C("PP/bin"));
-    MakeDirs(machine.C("PP/PortableData/Local"));
-    executables.push_back(machine.C("PP/bin/Fusion360.exe"));
-    profiles.push_back(machine.C("PP/PortableData/Roaming"));
-  }
+  if (profileCount >= 3) MakeDirs(machine.C("PP/PortableData/Local"));
   std::vector<std::pair<std::string, std::string>> saved;
   for (std::size_t i = 1; i < profiles.size(); ++i) saved.emplace_back(Win(executables[i]), Win(profiles[i]));
   if (!saved.empty()) WriteFile(InventoryFile(), InventoryBytes(saved));
@@ -249,10 +227,6 @@ std::string ProfileScene::InstalledInventory() const {
   return InventoryBytes(records);
 }
 
-std::string ProfileScene::RecoveryLine(std::size_t i, const std::string& id) const {
-  return "Recovery directory: " + Win(Backups(i)) + "\\" + id + "\n";
-}
-
 std::vector<std::string> ProfileScene::TransactionDirectories(std::size_t i) const {
   std::vector<std::string> names;
   std::error_code ec;
@@ -261,14 +235,6 @@ std::vector<std::string> ProfileScene::TransactionDirectories(std::size_t i) con
   }
   std::sort(names.begin(), names.end());
   return names;
-}
-
-std::string ProfileScene::TransactionId() const {
-  for (std::size_t i = 0; i < profiles.size(); ++i) {
-    const std::vector<std::string> ids = TransactionDirectories(i);
-    if (ids.size() == 1) return ids[0];
-  }
-  return "";
 }
 
 RunResult ProfileScene::Tool(const std::string& action, const EnvChanges& env) const {
@@ -321,7 +287,7 @@ std::string ExpectRolledBack(const ProfileScene& s, const Before& before, const 
   const std::string id = passed == 0 ? "" : recovery.substr(recovery.rfind('\\') + 1);
   EXPECT_TRUE(passed == 0 || std::regex_match(id, std::regex("[0-9]+-[0-9]+"))) << r.err;
   std::string expected = failure + "\n";
-  for (std::size_t i = passed; i-- > 0;) expected += s.RecoveryLine(i, id);
+  for (std::size_t i = passed; i-- > 0;) expected += "Recovery directory: " + s.Win(s.Backups(i)) + "\\" + id + "\n";
   EXPECT_EQ(r.err, expected + closing + "\n");
   if (closing != "Installed profiles restored.") return id;
   for (std::size_t i = 0; i < s.profiles.size(); ++i) {

@@ -174,12 +174,8 @@ struct ProfileScene {
   std::string InventoryFile() const { return local + "/Quorvane/Installation.ini"; }
   // The inventory after a successful install: the installations of the run.
   std::string InstalledInventory() const;
-  // "Recovery directory: <Backups(i)>\<id>" and its line end.
-  std::string RecoveryLine(std::size_t i, const std::string& id) const;
   // The transaction directories below Backups(i), by name.
   std::vector<std::string> TransactionDirectories(std::size_t i) const;
-  // The one transaction of the last run that made one, or "".
-  std::string TransactionId() const;
 
   // Runs the tool on this machine: `action` with the three folder options.
   RunResult Tool(const std::string& action, const EnvChanges& env = {}) const;

@@ -28,14 +28,6 @@ using test::Utf16LeBytes;
 using Names = std::vector<std::u16string>;
 using Bytes = std::vector<std::uint8_t>;
 
-// The text of a string value's bytes, without its closing NUL.
-std::u16string TextOf(const Bytes& data) {
-  std::u16string text;
-  for (std::size_t i = 0; i + 1 < data.size(); i += 2) text.push_back(static_cast<char16_t>(data[i] | (data[i + 1] << 8)));
-  if (!text.empty() && text.back() == u'\0') text.pop_back();
-  return text;
-}
-
 TEST(WineRegistryReader, ValueLinesAsWineWritesAndReadsThem) {
   struct Row {
     std::string line;
@@ -106,7 +98,7 @@ TEST(WineRegistryReader, KeysInWinesOrderAndAddedAfterIt) {
   WineRegistryValue value;
   for (const auto& [key, text] : std::initializer_list<std::pair<const char16_t*, std::u16string>>{
            {u"software\\A", u"a2"}, {u"SOFTWARE\\B", u"b"}, {u"Software\\c\\XÉ", u"c-e"}}) {
-    EXPECT_EQ(FindWineValue(registry, key, u"V", value) ? TextOf(value.data) : u"", text) << WideToUtf8(key);
+    EXPECT_EQ(FindWineValue(registry, key, u"V", value) ? value.data : Bytes(), Utf16LeBytes(text)) << WideToUtf8(key);
   }
   EXPECT_EQ(posix::WineKeyValues(registry, u"Software\\A").size(), 2u);  // from both headers
   // Without Wine's first line the file holds nothing.
@@ -191,7 +183,7 @@ TEST_F(PosixRegistry, OpenKeysFollowARewrittenFile) {
 TEST_F(PosixRegistry, ValuesComeWithTheSizesWindowsReports) {
   WriteSystemReg({{u"Software\\V",
                    {SzValue(u"Text", u"abc"), SzValue(u"", u"default"),
-                    test::BinaryValue(u"Fits", Bytes(65536, 1)), SzValue(u"TooLong", std::u16string(32768, u'x')),
+                    test::TypedValue(u"Fits", kRegBinary, Bytes(65536, 1)), SzValue(u"TooLong", std::u16string(32768, u'x')),
                     test::TypedValue(u"Unterminated", kRegSz, {'A', 0, 'B', 0}),
                     test::TypedValue(u"Odd", kRegExpandSz, {'A', 0, 'B'}),
                     test::TypedValue(u"Inner", kRegSz, {'A', 0, 0, 0, 'B', 0}),
