@@ -1,4 +1,4 @@
-// The answers of Wine's GetPrivateProfileStringW as tests/wine/profile_probe.cc
+// The answers of Wine's GetPrivateProfileStringW as the profile command of tests/wine/wine_probe.cc
 // writes them, and their check against the INI reader of the Linux host.
 #pragma once
 

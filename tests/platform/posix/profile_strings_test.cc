@@ -1,6 +1,6 @@
 // The INI reader of the Linux host against the answers that Wine's own
 // GetPrivateProfileStringW gave for the files in tests/data/ini (recorded in
-// expected.txt by tests/wine/profile_probe.cc; tests/wine asks Wine live).
+// expected.txt by the profile command of tests/wine/wine_probe.cc; tests/wine asks Wine live).
 #include "platform/posix/profile_strings.h"
 
 #include <gtest/gtest.h>
