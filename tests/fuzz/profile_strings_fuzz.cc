@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/posix/profile_strings.h"
+#include "platform/profile_reader.h"
 
 namespace {
 
@@ -35,15 +35,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                               size - 4 - 2 * (sectionLength + keyLength));
 
   qv::WString value;
-  std::uint32_t result = qv::platform::posix::ReadProfileString(file, section, key, u"default", value, bufferSize);
+  std::uint32_t result = qv::platform::profile::ReadProfileString(file, section, key, u"default", value, bufferSize);
   if (result != value.size()) std::abort();
   if (bufferSize == 0 ? result != 0 : result > bufferSize - 1) std::abort();
   qv::WString again;
-  if (qv::platform::posix::ReadProfileString(file, section, key, u"default", again, bufferSize) != result ||
+  if (qv::platform::profile::ReadProfileString(file, section, key, u"default", again, bufferSize) != result ||
       again != value) {
     std::abort();
   }
-  if (qv::platform::posix::ReadProfileString(qv::platform::posix::IndexProfile(file), section, key, u"default",
+  if (qv::platform::profile::ReadProfileString(qv::platform::profile::IndexProfile(file), section, key, u"default",
                                              again, bufferSize) != result ||
       again != value) {
     std::abort();
@@ -64,7 +64,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     bytes.push_back(static_cast<char>(c & 0xFF));
     bytes.push_back(static_cast<char>(c >> 8));
   }
-  if (qv::platform::posix::ReadProfileString(bytes, u"fusion", u"EXECUTABLE0", u"", value, 32768) !=
+  if (qv::platform::profile::ReadProfileString(bytes, u"fusion", u"EXECUTABLE0", u"", value, 32768) !=
           std::min<std::size_t>(plain.size(), 32767) ||
       value != plain.substr(0, 32767)) {
     std::abort();

@@ -1,6 +1,6 @@
 // GetPrivateProfileStringW on the Linux host: the shared profile reader over
 // the file's bytes, kept while the file on disk stays the same.
-#include "platform/posix/profile_strings.h"
+#include "platform/profile_reader.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -62,7 +62,7 @@ profile::FileVersion VersionOf(const std::string& host, const struct stat& st) {
 
 std::uint32_t GetPrivateProfileStringW(const WString& section, const WString& key, const WString& defaultValue,
                                        WString& value, std::uint32_t size, const WString& path) {
-  QV_FAULT_POINT("GetPrivateProfileStringW", return posix::UnreadableProfileDefault(defaultValue, value, size),
+  QV_FAULT_POINT("GetPrivateProfileStringW", return profile::UnreadableProfileDefault(defaultValue, value, size),
                  section, key, path);
   std::uint32_t error = 0;
   profile::CachedProfile& cache = Cache();
@@ -82,8 +82,8 @@ std::uint32_t GetPrivateProfileStringW(const WString& section, const WString& ke
     SetLastError(error);
     // A missing file reads as an empty one; any other failure gives the
     // default as written, quotes and all.
-    if (error != kErrorFileNotFound) return posix::UnreadableProfileDefault(defaultValue, value, size);
-    return posix::ReadProfileString(std::string_view(), section, key, defaultValue, value, size);
+    if (error != kErrorFileNotFound) return profile::UnreadableProfileDefault(defaultValue, value, size);
+    return profile::ReadProfileString(std::string_view(), section, key, defaultValue, value, size);
   }
   cache.Store(VersionOf(host, st), std::move(bytes));
   return cache.Answer(section, key, defaultValue, value, size);

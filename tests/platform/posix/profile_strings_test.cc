@@ -1,7 +1,7 @@
 // The INI reader of the Linux host against the answers that Wine's own
 // GetPrivateProfileStringW gave for the files in tests/data/ini (recorded in
 // expected.txt by the profile command of tests/wine/wine_probe.cc; tests/wine asks Wine live).
-#include "platform/posix/profile_strings.h"
+#include "platform/profile_reader.h"
 
 #include <gtest/gtest.h>
 
@@ -32,7 +32,7 @@ TEST_F(ProfileStrings, MatchRecordedWineAnswers) {
     const std::string file = kIniData + "/" + a.file;
     if (!std::filesystem::is_regular_file(file)) continue;
     WString value = u"stale";
-    EXPECT_EQ(posix::ReadProfileString(test::ReadFile(file), a.section, a.key, a.defaultValue, value, a.size), a.result)
+    EXPECT_EQ(profile::ReadProfileString(test::ReadFile(file), a.section, a.key, a.defaultValue, value, a.size), a.result)
         << a.line;
     EXPECT_EQ(value, a.value) << a.line;
     ++searched;
