@@ -7,7 +7,7 @@ packages=(
   cmake ninja-build g++ make
   googletest libgtest-dev libgmock-dev
   clang-14 libclang-rt-14-dev
-  wine64
+  wine64 python3
   g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64
 )
 
