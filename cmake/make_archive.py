@@ -6,8 +6,8 @@
 Each SOURCE is stored as TOP_FOLDER/PATH, in the order given, each folder
 entry before the first file below it. Every entry carries the same date:
 $SOURCE_DATE_EPOCH when it is set, else the time of SOURCE_TREE's last
-commit, else 2000-01-01. Files are 0755 when their owner may run them, else
-0644; no owner, group or access time is stored, and the compression is fixed,
+commit, else 2000-01-01. Programs (.exe, .sh) are 0755 and other files 0644,
+whatever the build machine's modes; no owner, group or access time is stored, and the compression is fixed,
 so two builds of one commit give the same archive wherever they were made.
 """
 import os
@@ -57,7 +57,7 @@ def main(output, top, source_tree, *files):
                 if folder not in folders:
                     folders.add(folder)
                     archive.writestr(entry(folder, date, 0o40755), b"")
-            mode = 0o100755 if os.stat(source).st_mode & 0o100 else 0o100644
+            mode = 0o100755 if path.lower().endswith((".exe", ".sh")) else 0o100644
             with open(source, "rb") as f:
                 archive.writestr(entry(name, date, mode), f.read())
     os.replace(temporary, output)
