@@ -5,10 +5,11 @@
 # the same build folder, configured with a throwaway code-signing
 # certificate, signs: osslsigncode accepts the signature against that
 # certificate, removing it gives back exactly the unsigned .exe, and the
-# signed .exe runs /status under Wine as the unsigned one does.
-#   second_build.sh SOURCE_DIR WORK_DIR ARCHIVE_NAME [WINE_PREFIX]
+# signed .exe runs /status under Wine as the unsigned one does, in
+# WINE_PREFIX, started by STARTER (as_test_account.sh and its folder).
+#   second_build.sh SOURCE_DIR WORK_DIR ARCHIVE_NAME [WINE_PREFIX [STARTER...]]
 set -euo pipefail
-source=$1 work=$2 name=$3 prefix=${4:-}
+source=$1 work=$2 name=$3 prefix=${4:-} starter=("${@:5}")
 first=$source/build/windows
 [ -f "$first/$name.zip" ] || { echo "No $first/$name.zip: build the windows preset's package first"; exit 77; }
 
@@ -50,9 +51,9 @@ echo "Signed: the signature verifies, and removing it gives back the unsigned .e
 
 [ -x /usr/lib/wine/wine64 ] && [ -f "$prefix/system.reg" ] || { echo "No Wine prefix: /status not run"; exit 77; }
 status() {
-  rm -rf "$prefix/drive_c/signed-status"
-  mkdir -p "$prefix/drive_c/signed-status/"{roaming,local}
-  WINEPREFIX=$prefix WINEDEBUG=-all /usr/lib/wine/wine64 "$1" /status /test-appdata 'C:\signed-status\roaming' \
+  "${starter[@]}" rm -rf "$prefix/drive_c/signed-status"
+  "${starter[@]}" mkdir -p "$prefix/drive_c/signed-status/"{roaming,local}
+  "${starter[@]}" env WINEPREFIX="$prefix" WINEDEBUG=-all /usr/lib/wine/wine64 "$1" /status /test-appdata 'C:\signed-status\roaming' \
     /test-localappdata 'C:\signed-status\local' >"$2" 2>&1 </dev/null || echo "exit code $?" >>"$2"
 }
 status "$signed" "$work/signed.out"
