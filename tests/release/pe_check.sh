@@ -13,9 +13,7 @@ set -uo pipefail
 # The KnownDLLs of Windows 10 and 11 (Session Manager\KnownDLLs).
 known=" advapi32 clbcatq combase comdlg32 coml2 difxapi gdi32 gdiplus imagehlp imm32 kernel32 msctf msvcrt
   normaliz nsi ole32 oleaut32 psapi rpcrt4 sechost setupapi shcore shell32 shlwapi user32 wldap32 ws2_32 "
-objdump=x86_64-w64-mingw32-objdump
-objcopy=x86_64-w64-mingw32-objcopy
-checked=() failed=0
+objdump=x86_64-w64-mingw32-objdump objcopy=x86_64-w64-mingw32-objcopy checked=() failed=0
 fail() { echo "FAIL $exe: $*"; failed=1; }
 
 for build in "$@"; do
@@ -31,10 +29,8 @@ for build in "$@"; do
   done
   subsystem=$(awk '$1 == "MajorSubsystemVersion" { print $2 }' <<<"$headers")
   [ "${subsystem:-0}" -ge 6 ] || fail "declares subsystem version $subsystem"
-  sections=$($objdump -h "$exe")
-  ! grep -q ' \.debug_' <<<"$sections" || fail "carries debug sections"
-  symbols=$($objdump -t "$exe")
-  ! grep -q '^\[' <<<"$symbols" || fail "carries a symbol table"
+  [[ $($objdump -h "$exe") != *" .debug_"* ]] || fail "carries debug sections"
+  [[ $($objdump -t "$exe") != *$'\n['* ]] || fail "carries a symbol table"
   # The link: the debug file's name, padding to 4 bytes, its CRC-32 (which
   # is the gzip trailer's, in the same byte order).
   link=$(mktemp) copy=$(mktemp)
@@ -43,8 +39,7 @@ for build in "$@"; do
   cmp -s -n 25 <(printf 'Quorvane_Setup.exe.debug\0') "$link" && [ "$(tail -c 4 "$link" | od -An -tx1)" = "$crc" ] ||
     fail "does not link to $build/Quorvane_Setup.exe.debug"
   rm -f "$link" "$copy"
-  $objdump -h "$build/Quorvane_Setup.exe.debug" 2>/dev/null | grep -q ' \.debug_info' ||
-    fail "has no debug information beside it"
+  [[ $($objdump -h "$build/Quorvane_Setup.exe.debug") == *" .debug_info "* ]] || fail "has no debug information beside it"
   grep -aq 'stack smashing detected' "$exe" || fail "has no stack protector"
   grep -aq 'buffer overflow detected' "$exe" || fail "has no checked string and memory calls"
 done

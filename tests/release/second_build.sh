@@ -10,53 +10,49 @@
 #   second_build.sh SOURCE_DIR WORK_DIR ARCHIVE_NAME [WINE_PREFIX [STARTER...]]
 set -euo pipefail
 source=$1 work=$2 name=$3 prefix=${4:-} starter=("${@:5}")
-first=$source/build/windows
+first=$source/build/windows copy=$work/source second=$work/source/build/windows keys=$work/keys
 [ -f "$first/$name.zip" ] || { echo "No $first/$name.zip: build the windows preset's package first"; exit 77; }
+fail() { echo "$*"; exit 1; }
 
 # The archive's dates: those of the first build, which read the last commit.
 export SOURCE_DATE_EPOCH=${SOURCE_DATE_EPOCH:-$(git -C "$source" log -1 --format=%ct)}
-copy=$work/source second=$work/source/build/windows
 # A fresh copy beside the build folder kept from an earlier run.
-mkdir -p "$copy" && find "$copy" -mindepth 1 -maxdepth 1 ! -name build -exec rm -rf {} +
+mkdir -p "$copy" "$keys" && find "$copy" -mindepth 1 -maxdepth 1 ! -name build -exec rm -rf {} +
 git -C "$source" ls-files -z | (cd "$source" && tar --null -T - -cf -) | tar -xf - -C "$copy"
 build() {
-  (cd "$copy" && cmake --preset windows "$@" >"$work/build.log" && cmake --build --preset windows --target package \
-    >>"$work/build.log") || { tail -n 40 "$work/build.log"; exit 1; }
+  (cd "$copy" && cmake --preset windows "$@" && cmake --build --preset windows --target package) >"$work/build.log" ||
+    { tail -n 40 "$work/build.log"; fail "The second build failed"; }
 }
 
 build -DQUORVANE_SIGN_PKCS12= -DQUORVANE_SIGN_PASSWORD_FILE=
 for file in Quorvane_Setup.exe "$name.zip"; do
-  cmp "$first/$file" "$second/$file" || { echo "Two builds of one commit differ: $file"; exit 1; }
+  cmp "$first/$file" "$second/$file" || fail "Two builds of one commit differ: $file"
 done
-if unzip -l "$second/$name.zip" | grep -q '\.debug'; then echo "The archive holds debug information"; exit 1; fi
+! unzip -l "$second/$name.zip" | grep '\.debug' || fail "The archive holds debug information"
 echo "Reproduced: Quorvane_Setup.exe, $name.zip"
 
-keys=$work/keys
-mkdir -p "$keys"
 openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj "/CN=Quorvane throwaway signer" \
   -addext keyUsage=critical,digitalSignature -addext extendedKeyUsage=codeSigning \
   -keyout "$keys/key.pem" -out "$keys/cert.pem" 2>/dev/null
 openssl rand -hex 16 >"$keys/password"
-openssl pkcs12 -export -inkey "$keys/key.pem" -in "$keys/cert.pem" -passout "file:$keys/password" \
-  -out "$keys/signer.p12"
-build -DQUORVANE_SIGN_PKCS12="$keys/signer.p12" -DQUORVANE_SIGN_PASSWORD_FILE="$keys/password"
+openssl pkcs12 -export -inkey "$keys/key.pem" -in "$keys/cert.pem" -passout "file:$keys/password" -out "$keys/p12"
+build -DQUORVANE_SIGN_PKCS12="$keys/p12" -DQUORVANE_SIGN_PASSWORD_FILE="$keys/password"
 signed=$work/signed.exe
 unzip -p "$second/$name.zip" "$name/Quorvane_Setup.exe" >"$signed"
 osslsigncode verify -CAfile "$keys/cert.pem" -in "$signed" >"$work/verify.log" ||
-  { cat "$work/verify.log"; echo "The signature does not verify"; exit 1; }
-rm -f "$work/unsigned.exe"
-osslsigncode remove-signature -in "$signed" -out "$work/unsigned.exe" >/dev/null
-cmp "$work/unsigned.exe" "$first/Quorvane_Setup.exe" || { echo "Removing the signature changes the .exe"; exit 1; }
+  { cat "$work/verify.log"; fail "The signature does not verify"; }
+rm -f "$work/unsigned.exe" && osslsigncode remove-signature -in "$signed" -out "$work/unsigned.exe" >/dev/null
+cmp "$work/unsigned.exe" "$first/Quorvane_Setup.exe" || fail "Removing the signature changes the .exe"
 echo "Signed: the signature verifies, and removing it gives back the unsigned .exe"
 
 [ -x /usr/lib/wine/wine64 ] && [ -f "$prefix/system.reg" ] || { echo "No Wine prefix: /status not run"; exit 77; }
-status() {
-  "${starter[@]}" rm -rf "$prefix/drive_c/signed-status"
-  "${starter[@]}" mkdir -p "$prefix/drive_c/signed-status/"{roaming,local}
-  "${starter[@]}" env WINEPREFIX="$prefix" WINEDEBUG=-all /usr/lib/wine/wine64 "$1" /status /test-appdata 'C:\signed-status\roaming' \
-    /test-localappdata 'C:\signed-status\local' >"$2" 2>&1 </dev/null || echo "exit code $?" >>"$2"
-}
-status "$signed" "$work/signed.out"
-status "$first/Quorvane_Setup.exe" "$work/unsigned.out"
-cat "$work/signed.out"
-[ -s "$work/signed.out" ] && cmp "$work/signed.out" "$work/unsigned.out" || { echo "The signed .exe runs otherwise"; exit 1; }
+folders=$prefix/drive_c/signed-status run=0
+for exe in "$signed" "$first/Quorvane_Setup.exe"; do
+  run=$((run + 1))
+  "${starter[@]}" sh -c 'rm -rf "$0" && mkdir -p "$0/roaming" "$0/local"' "$folders"
+  "${starter[@]}" env WINEPREFIX="$prefix" WINEDEBUG=-all /usr/lib/wine/wine64 "$exe" /status \
+    /test-appdata 'C:\signed-status\roaming' /test-localappdata 'C:\signed-status\local' </dev/null \
+    >"$work/status$run" 2>&1 || echo "exit code $?" >>"$work/status$run"
+done
+cat "$work/status1"
+[ -s "$work/status1" ] && cmp "$work/status1" "$work/status2" || fail "The signed .exe runs otherwise"

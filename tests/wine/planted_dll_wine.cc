@@ -28,12 +28,10 @@ TEST_F(WinePrefix, PlantedVersionDllIsNotLoaded) {
     const std::string build = downloads / "local/Autodesk/webdeploy/production/b1";
     MakeFusionInstallation(build);
     fs::copy_file(versioned, build + "/Fusion360.exe", fs::copy_options::overwrite_existing);
-    MakeDirs(downloads / "roaming");
     fs::copy_file(exe, downloads / "Quorvane_Setup.exe");
     fs::copy_file(QUORVANE_STAND_IN_VERSION_DLL, downloads / "version.dll");
-    const RunResult r = RunUnderWine(prefix,
-                                     {downloads / "Quorvane_Setup.exe", "/status", "/test-appdata",
-                                      windows + "\\roaming", "/test-localappdata", windows + "\\local"},
+    const RunResult r = RunUnderWine(prefix, {downloads / "Quorvane_Setup.exe", "/status", "/test-appdata", windows,
+                                              "/test-localappdata", windows + "\\local"},
                                      {{"WINEDLLOVERRIDES", "version=n,b"}});
     EXPECT_NE(r.out.find("\nVersion: 1.2.3.4\n"), std::string::npos) << preset << ":\n" << r.out << r.err;
   }
