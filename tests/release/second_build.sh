@@ -10,7 +10,7 @@
 #   second_build.sh SOURCE_DIR WORK_DIR ARCHIVE_NAME [WINE_PREFIX [STARTER...]]
 set -euo pipefail
 source=$1 work=$2 name=$3 prefix=${4:-} starter=("${@:5}")
-first=$source/build/windows copy=$work/source second=$work/source/build/windows keys=$work/keys
+first=$source/build/windows copy=$work/source second=$work/source/build/windows keys=$work/keys signed=$work/signed.exe
 [ -f "$first/$name.zip" ] || { echo "No $first/$name.zip: build the windows preset's package first"; exit 77; }
 fail() { echo "$*"; exit 1; }
 
@@ -37,7 +37,6 @@ openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj "/CN=Quorvane throwaway 
 openssl rand -hex 16 >"$keys/password"
 openssl pkcs12 -export -inkey "$keys/key.pem" -in "$keys/cert.pem" -passout "file:$keys/password" -out "$keys/p12"
 build -DQUORVANE_SIGN_PKCS12="$keys/p12" -DQUORVANE_SIGN_PASSWORD_FILE="$keys/password"
-signed=$work/signed.exe
 unzip -p "$second/$name.zip" "$name/Quorvane_Setup.exe" >"$signed"
 osslsigncode verify -CAfile "$keys/cert.pem" -in "$signed" >"$work/verify.log" ||
   { cat "$work/verify.log"; fail "The signature does not verify"; }
@@ -54,5 +53,4 @@ for exe in "$signed" "$first/Quorvane_Setup.exe"; do
     /test-appdata 'C:\signed-status\roaming' /test-localappdata 'C:\signed-status\local' </dev/null \
     >"$work/status$run" 2>&1 || echo "exit code $?" >>"$work/status$run"
 done
-cat "$work/status1"
-[ -s "$work/status1" ] && cmp "$work/status1" "$work/status2" || fail "The signed .exe runs otherwise"
+[ -s "$work/status1" ] && cmp "$work/status1" "$work/status2" || fail "The signed .exe runs otherwise: $(cat "$work"/status*)"
