@@ -16,8 +16,9 @@
 #include "platform/fault_injection.h"
 #include "platform/platform.h"
 #include "platform/posix/handles.h"
-#include "platform/posix/host.h"
+#include "platform/posix/host_paths.h"
 #include "platform/posix/proc_files.h"
+#include "platform/posix/registry.h"
 
 namespace qv::platform {
 namespace {

@@ -3,7 +3,6 @@
 #include <map>
 
 #include "platform/fault_injection.h"
-#include "platform/posix/proc_files.h"
 
 namespace qv::platform::posix {
 namespace {
@@ -13,11 +12,7 @@ struct Entry {
   std::shared_ptr<void> object;
 };
 
-std::map<Handle, Entry>& Table() {
-  static std::map<Handle, Entry> table;
-  return table;
-}
-
+std::map<Handle, Entry> table;
 Handle nextHandle = 0x100;
 
 }  // namespace
@@ -25,29 +20,29 @@ Handle nextHandle = 0x100;
 Handle RegisterHandle(HandleKind kind, std::shared_ptr<void> object) {
   Handle handle = nextHandle;
   nextHandle += 4;
-  Table().emplace(handle, Entry{kind, std::move(object)});
+  table.emplace(handle, Entry{kind, std::move(object)});
   return handle;
 }
 
 void* LookUpHandleObject(Handle handle, HandleKind kind) {
-  auto it = Table().find(handle);
-  if (it == Table().end() || it->second.kind != kind) return nullptr;
+  auto it = table.find(handle);
+  if (it == table.end() || it->second.kind != kind) return nullptr;
   return it->second.object.get();
 }
 
 bool ReleaseHandle(Handle handle) {
-  auto it = Table().find(handle);
-  if (it == Table().end()) return false;
+  auto it = table.find(handle);
+  if (it == table.end()) return false;
   // Destroy outside the table, in case the object's clean-up looks at it.
   std::shared_ptr<void> object = std::move(it->second.object);
-  Table().erase(it);
+  table.erase(it);
   object.reset();
   return true;
 }
 
 bool ReleaseHandleOfKind(Handle handle, HandleKind kind) {
-  auto it = Table().find(handle);
-  if (it == Table().end() || it->second.kind != kind) return false;
+  auto it = table.find(handle);
+  if (it == table.end() || it->second.kind != kind) return false;
   return ReleaseHandle(handle);
 }
 
