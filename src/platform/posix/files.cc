@@ -4,12 +4,12 @@
 // with 5, CREATE_NEW on an existing file with 80, ...).
 #include <dirent.h>
 #include <fcntl.h>
-#include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -74,7 +74,8 @@ std::uint32_t AttributesOf(const std::string& host, std::size_t depth) {
   struct stat target;
   const bool live = ::stat(host.c_str(), &target) == 0;
   if (S_ISLNK(st.st_mode) && depth > 0) {
-    return kFileAttributeReparsePoint | (live && S_ISDIR(target.st_mode) ? kFileAttributeDirectory : kFileAttributeArchive);
+    return kFileAttributeReparsePoint |
+           (live && S_ISDIR(target.st_mode) ? kFileAttributeDirectory : kFileAttributeArchive);
   }
   if (S_ISLNK(st.st_mode) && !live) return Fail(kErrorPathNotFound), kInvalidFileAttributes;
   if (S_ISLNK(st.st_mode)) st = target;
@@ -142,15 +143,10 @@ bool CopyFileBytes(const std::string& from, const std::string& to, std::uint32_t
 bool MoveAcross(const std::string& source, const struct stat& st, const std::string& target) {
   const std::string staging = target + ".qv-move-" + std::to_string(::getpid());
   std::uint32_t error = 0;
-  bool copied = false;
-  if (S_ISLNK(st.st_mode)) {
-    char link[PATH_MAX];
-    const ssize_t n = ::readlink(source.c_str(), link, sizeof link);
-    copied = n >= 0 && ::symlink(std::string(link, static_cast<std::size_t>(n)).c_str(), staging.c_str()) == 0;
-    if (!copied) error = ErrnoToWinError(errno);
-  } else {
-    copied = CopyFileBytes(source, staging, error);
-  }
+  std::error_code linkError;
+  if (S_ISLNK(st.st_mode)) std::filesystem::copy_symlink(source, staging, linkError);
+  if (linkError) error = ErrnoToWinError(linkError.value());
+  bool copied = S_ISLNK(st.st_mode) ? !linkError : CopyFileBytes(source, staging, error);
   if (copied && ::rename(staging.c_str(), target.c_str()) != 0) {
     error = ErrnoToWinError(errno);
     copied = false;
@@ -400,13 +396,11 @@ std::uint32_t GetFullPathNameW(const WString& fileName, std::uint32_t bufferLeng
 
 std::uint32_t GetModuleFileNameW(WString& path, std::uint32_t capacity) {
   QV_FAULT_POINT("GetModuleFileNameW", return 0);
-  char self[PATH_MAX];
-  const ssize_t n = ::readlink("/proc/self/exe", self, sizeof self);
-  if (n <= 0) return Fail(ErrnoToWinError(errno)), 0;
+  std::error_code error;
+  const std::string self = std::filesystem::read_symlink("/proc/self/exe", error).string();
+  if (error) return Fail(ErrnoToWinError(error.value())), 0;
   WString windows;
-  if (!posix::ToWindowsPath(std::string(self, static_cast<std::size_t>(n)), windows)) {
-    return Fail(kErrorPathNotFound), 0;
-  }
+  if (!posix::ToWindowsPath(self, windows)) return Fail(kErrorPathNotFound), 0;
   if (capacity == 0) return 0;
   if (windows.size() >= capacity) {
     path = windows.substr(0, capacity - 1);

@@ -2,13 +2,11 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <limits.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
+#include <filesystem>
 #include <vector>
 
 #include "platform/constants.h"
@@ -58,12 +56,9 @@ std::string NormalisedHostPath(const std::string& path) {
 }
 
 std::string WorkingDirectory() {
-  std::vector<char> buffer(PATH_MAX);
-  while (::getcwd(buffer.data(), buffer.size()) == nullptr) {
-    if (errno != ERANGE) return "/";
-    buffer.resize(buffer.size() * 2);
-  }
-  return buffer.data();
+  std::error_code error;
+  const std::filesystem::path cwd = std::filesystem::current_path(error);
+  return error ? "/" : cwd.string();
 }
 
 // The host folder a drive letter maps to, or empty when the prefix does not
@@ -74,13 +69,12 @@ std::string DriveTarget(WChar letter) {
   const char lower = static_cast<char>(UpperLetter(letter) - u'A' + 'a');
   const std::string entry = devices + "/" + lower + ":";
   const std::string unmapped = lower == 'z' ? "/" : "";
-  struct stat st;
-  if (::lstat(entry.c_str(), &st) != 0) return unmapped;
-  if (S_ISDIR(st.st_mode)) return entry;
-  char target[PATH_MAX];
-  const ssize_t n = S_ISLNK(st.st_mode) ? ::readlink(entry.c_str(), target, sizeof target) : -1;
-  if (n <= 0) return unmapped;
-  const std::string link(target, static_cast<std::size_t>(n));
+  std::error_code error;
+  const std::filesystem::file_status status = std::filesystem::symlink_status(entry, error);
+  if (!std::filesystem::exists(status)) return unmapped;
+  if (std::filesystem::is_directory(status)) return entry;
+  const std::string link = std::filesystem::read_symlink(entry, error).string();
+  if (link.empty()) return "";
   return NormalisedHostPath(link[0] == '/' ? link : devices + "/" + link);
 }
 
@@ -129,11 +123,9 @@ bool Below(const std::string& path, const std::string& root, std::string& rest) 
 }
 
 std::string RealPath(const std::string& path) {
-  char* resolved = ::realpath(path.c_str(), nullptr);
-  if (resolved == nullptr) return path;
-  std::string real = resolved;
-  std::free(resolved);
-  return real;
+  std::error_code error;
+  const std::filesystem::path real = std::filesystem::canonical(path, error);
+  return error ? path : real.string();
 }
 
 }  // namespace

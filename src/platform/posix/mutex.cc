@@ -33,7 +33,7 @@
 #include "platform/posix/errors.h"
 #include "platform/posix/handles.h"
 #include "platform/posix/host_roots.h"
-#include "platform/posix/proc_files.h"
+#include "platform/posix/processes.h"
 
 namespace qv::platform {
 namespace {
@@ -46,11 +46,7 @@ constexpr off_t kHeldByte = 2;
 
 // A lock of one byte; F_SETLKW waits for it, F_SETLK does not.
 bool LockByte(int fd, int command, short type, off_t byte) {
-  struct flock lock{};
-  lock.l_type = type;
-  lock.l_whence = SEEK_SET;
-  lock.l_start = byte;
-  lock.l_len = 1;
+  struct flock lock{.l_type = type, .l_whence = SEEK_SET, .l_start = byte, .l_len = 1, .l_pid = 0};
   int result = 0;
   while ((result = ::fcntl(fd, command, &lock)) != 0 && errno == EINTR) {
   }
@@ -86,15 +82,13 @@ struct MutexHandle {
     --mutex->handles;
     CloseIfUnused(mutex);
   }
-  MutexHandle(const MutexHandle&) = delete;
-  MutexHandle& operator=(const MutexHandle&) = delete;
   OpenMutex* mutex;
 };
 
 bool LockFileName(const WString& name, std::string& file) {
   std::uint32_t session = 0;
   std::uint32_t error = 0;
-  if (!posix::ReadSessionId("/proc/self", session, error)) {
+  if (!posix::ReadSessionId(static_cast<std::uint32_t>(::getpid()), session, error)) {
     SetLastError(error);
     return false;
   }
@@ -110,27 +104,21 @@ bool LockFileName(const WString& name, std::string& file) {
 OpenMutex* Open(const std::string& file) {
   for (;;) {
     const int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (fd < 0) break;
+    if (fd < 0) return SetLastError(posix::ErrnoToWinError(errno)), nullptr;
     if (LockByte(fd, F_SETLK, F_WRLCK, kHandlesByte)) WriteHeld(fd, 0);
     // Turning the write lock into a read lock is one step for fcntl locks.
     struct stat st;
     if (!LockByte(fd, F_SETLKW, F_RDLCK, kHandlesByte) || ::fstat(fd, &st) != 0) {
-      const int err = errno;
+      SetLastError(posix::ErrnoToWinError(errno));
       ::close(fd);
-      errno = err;
-      break;
+      return nullptr;
     }
-    if (st.st_nlink == 0) {
-      ::close(fd);
-      continue;
+    if (st.st_nlink > 0) {
+      auto& opened = openMutexes[file] = std::make_unique<OpenMutex>(OpenMutex{file, ::getpid(), fd, 0, 0});
+      return opened.get();
     }
-    auto opened = std::make_unique<OpenMutex>(OpenMutex{file, ::getpid(), fd, 0, 0});
-    OpenMutex* mutex = opened.get();
-    openMutexes[file] = std::move(opened);
-    return mutex;
+    ::close(fd);
   }
-  SetLastError(posix::ErrnoToWinError(errno));
-  return nullptr;
 }
 
 // Takes byte 0 within `milliseconds`.

@@ -1,11 +1,15 @@
-// The Windows process list and process queries from the kernel's process
-// table.
+#include "platform/posix/processes.h"
+
 #include <dirent.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <filesystem>
+#include <fstream>
 #include <memory>
+#include <string_view>
 #include <vector>
 
 #include "platform/fault_injection.h"
@@ -14,10 +18,89 @@
 #include "platform/posix/handles.h"
 #include "platform/posix/host_paths.h"
 #include "platform/posix/host_roots.h"
-#include "platform/posix/proc_files.h"
 
-namespace qv::platform {
+namespace qv::platform::posix {
 namespace {
+
+// A decimal number of at most 32 bits, blanks and line ends around it allowed.
+bool ParseUnsigned32(std::string_view text, std::uint32_t& value) {
+  const std::size_t first = text.find_first_not_of(" \t");
+  const std::size_t end = text.find_last_not_of(" \t\n");
+  if (first == std::string_view::npos || end == std::string_view::npos) return false;
+  std::uint64_t number = 0;
+  for (char c : text.substr(first, end + 1 - first)) {
+    if (c < '0' || c > '9') return false;
+    number = number * 10 + static_cast<std::uint64_t>(c - '0');
+    if (number > 0xFFFFFFFFull) return false;
+  }
+  value = static_cast<std::uint32_t>(number);
+  return true;
+}
+
+// The real uid of the "Uid:\treal\teffective\tsaved\tfilesystem" line of a
+// status file.
+bool ParseRealUid(const std::string& status, std::uint32_t& uid) {
+  const std::size_t line = status.starts_with("Uid:") ? 0 : status.find("\nUid:");
+  if (line == std::string::npos) return false;
+  const std::size_t start = status.find_first_not_of(" \t", status.find(':', line) + 1);
+  if (start == std::string::npos) return false;
+  return ParseUnsigned32(std::string_view(status).substr(start, status.find_first_of(" \t\n", start) - start), uid);
+}
+
+bool FolderExists(const std::string& folder) {
+  struct stat st;
+  return ::stat(folder.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+// <ProcRoot()>/<pid>, or /proc/self for the own pid.
+std::string ProcessFolder(std::uint32_t processId) {
+  if (processId == static_cast<std::uint32_t>(::getpid())) return "/proc/self";
+  return ProcRoot() + "/" + std::to_string(processId);
+}
+
+// A whole file (the kernel's files report size 0, so this reads to the
+// end). False with errno set when it cannot be opened.
+bool ReadWholeFile(const std::string& path, std::string& bytes) {
+  std::ifstream file(path, std::ios::binary);
+  if (!file) return false;
+  bytes.assign(std::istreambuf_iterator<char>(file), {});
+  return !file.bad();
+}
+
+// "X:\\..." or "X:/...", the form Wine gives argv[0] of a Windows program, or
+// "\\\\server\\share\\..." for one started from a network share.
+bool IsAbsoluteWindowsPath(std::string_view text) {
+  if (text.size() < 3) return false;
+  if (text[0] == '\\' && text[1] == '\\') return text[2] != '\\' && text[2] != '/';
+  const char letter = text[0];
+  const bool isLetter = (letter >= 'A' && letter <= 'Z') || (letter >= 'a' && letter <= 'z');
+  return isLetter && text[1] == ':' && (text[2] == '\\' || text[2] == '/');
+}
+
+// Reads the files of a process for OpenProcess. False with a Windows error:
+// 87 when the process is not in the table, 5 when its cmdline or status is
+// missing or unreadable.
+bool LoadOpenedProcess(std::uint32_t processId, OpenedProcess& process, std::uint32_t& error) {
+  const std::string folder = ProcessFolder(processId);
+  if (processId == 0 || !FolderExists(folder)) {
+    error = kErrorInvalidParameter;
+    return false;
+  }
+  std::string cmdline;
+  std::string status;
+  if (!ReadWholeFile(folder + "/cmdline", cmdline) || !ReadWholeFile(folder + "/status", status) ||
+      !ParseRealUid(status, process.uid)) {
+    // The entry may have gone between the looks: a process that no longer
+    // exists, as Windows reports it.
+    error = FolderExists(folder) ? kErrorAccessDenied : kErrorInvalidParameter;
+    return false;
+  }
+  process.firstArgument = cmdline.substr(0, cmdline.find('\0'));
+  std::error_code exeError;
+  process.exeTarget = std::filesystem::read_symlink(folder + "/exe", exeError).string();
+  process.exeError = exeError.value();
+  return true;
+}
 
 struct Snapshot {
   std::vector<ProcessEntry> entries;
@@ -41,25 +124,24 @@ std::vector<std::uint32_t> ProcessIds(DIR* table) {
 // else the kernel's comm (the file name cut to 15 bytes). False for a
 // process that has gone meanwhile.
 bool ExeFileName(std::uint32_t id, WString& name) {
-  const std::string folder = posix::ProcRoot() + "/" + std::to_string(id);
+  const std::string folder = ProcRoot() + "/" + std::to_string(id);
   std::string text;
-  int err = 0;
-  if (posix::ReadWholeFile(folder + "/cmdline", text, err)) {
+  if (ReadWholeFile(folder + "/cmdline", text)) {
     const std::string first = text.substr(0, text.find('\0'));
     const std::string last = first.substr(first.find_last_of("\\/") + 1);
-    if (posix::IsAbsoluteWindowsPath(first) && !last.empty()) {
+    if (IsAbsoluteWindowsPath(first) && !last.empty()) {
       name = Utf8ToWide(last);
       return true;
     }
   }
-  if (!posix::ReadWholeFile(folder + "/comm", text, err)) return false;
+  if (!ReadWholeFile(folder + "/comm", text)) return false;
   if (!text.empty() && text.back() == '\n') text.pop_back();
   name = Utf8ToWide(text);
   return true;
 }
 
 bool NextEntry(Handle snapshot, ProcessEntry& entry, bool first) {
-  auto* state = posix::LookUpHandle<Snapshot>(snapshot, posix::HandleKind::Snapshot);
+  auto* state = LookUpHandle<Snapshot>(snapshot, HandleKind::Snapshot);
   if (state == nullptr) {
     SetLastError(kErrorInvalidHandle);
     return false;
@@ -75,6 +157,26 @@ bool NextEntry(Handle snapshot, ProcessEntry& entry, bool first) {
 
 }  // namespace
 
+bool ReadSessionId(std::uint32_t processId, std::uint32_t& session, std::uint32_t& error) {
+  const std::string folder = ProcessFolder(processId);
+  std::string text;
+  if (!ReadWholeFile(folder + "/sessionid", text)) {
+    const int err = errno;
+    if (err == ENOENT && FolderExists(folder)) {
+      session = 0;  // a kernel without audit sessions: every process is in session 0
+      return true;
+    }
+    error = err == ENOENT || err == ENOTDIR ? kErrorInvalidParameter : kErrorAccessDenied;
+    return false;
+  }
+  error = kErrorAccessDenied;
+  return ParseUnsigned32(text, session);
+}
+
+}  // namespace qv::platform::posix
+
+namespace qv::platform {
+
 Handle CreateToolhelp32Snapshot() {
   QV_FAULT_POINT("CreateToolhelp32Snapshot", return kInvalidHandle);
   DIR* table = ::opendir(posix::ProcRoot().c_str());
@@ -82,26 +184,26 @@ Handle CreateToolhelp32Snapshot() {
     SetLastError(posix::ErrnoToWinError(errno));
     return kInvalidHandle;
   }
-  const std::vector<std::uint32_t> ids = ProcessIds(table);
+  const std::vector<std::uint32_t> ids = posix::ProcessIds(table);
   ::closedir(table);
   // The names are read now: the snapshot is a picture of this moment, and a
   // process that ends before its files are read is simply not in it.
-  auto snapshot = std::make_shared<Snapshot>();
+  auto snapshot = std::make_shared<posix::Snapshot>();
   for (std::uint32_t id : ids) {
     ProcessEntry entry{id, {}};
-    if (ExeFileName(id, entry.exeFile)) snapshot->entries.push_back(std::move(entry));
+    if (posix::ExeFileName(id, entry.exeFile)) snapshot->entries.push_back(std::move(entry));
   }
   return posix::RegisterHandle(posix::HandleKind::Snapshot, snapshot);
 }
 
 bool Process32FirstW(Handle snapshot, ProcessEntry& entry) {
   QV_FAULT_POINT("Process32FirstW", return false);
-  return NextEntry(snapshot, entry, true);
+  return posix::NextEntry(snapshot, entry, true);
 }
 
 bool Process32NextW(Handle snapshot, ProcessEntry& entry) {
   QV_FAULT_POINT("Process32NextW", return false);
-  return NextEntry(snapshot, entry, false);
+  return posix::NextEntry(snapshot, entry, false);
 }
 
 std::uint32_t GetCurrentProcessId() {
@@ -119,7 +221,7 @@ bool ProcessIdToSessionId(std::uint32_t processId, std::uint32_t& sessionId) {
   // The own session comes from the real /proc even when the process table
   // is a test's own.
   std::uint32_t error = kErrorInvalidParameter;
-  if (processId != 0 && posix::ReadSessionId(posix::ProcessFolder(processId), sessionId, error)) return true;
+  if (processId != 0 && posix::ReadSessionId(processId, sessionId, error)) return true;
   SetLastError(error);
   return false;
 }
