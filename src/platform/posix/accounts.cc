@@ -13,6 +13,7 @@
 
 #include "platform/fault_injection.h"
 #include "platform/platform.h"
+#include "platform/posix/errors.h"
 #include "platform/posix/handles.h"
 #include "platform/posix/host_paths.h"
 #include "platform/posix/processes.h"
@@ -81,8 +82,7 @@ bool OpenProcessToken(Handle process, std::uint32_t desiredAccess, Handle& token
   } else if (const auto* target = posix::LookUpHandle<posix::OpenedProcess>(process, posix::HandleKind::Process)) {
     opened->uid = target->uid;
   } else {
-    SetLastError(kErrorInvalidHandle);
-    return false;
+    return posix::Fail(kErrorInvalidHandle);
   }
   token = posix::RegisterHandle(posix::HandleKind::Token, opened);
   return true;
@@ -101,20 +101,14 @@ bool GetTokenUser(Handle token, std::uint32_t size, Sid& sid) {
   QV_FAULT_POINT("GetTokenInformation", return false);
   const Token* opened = TokenOf(token);
   if (opened == nullptr) return false;
-  if (size < TokenUserSize(*opened)) {
-    SetLastError(kErrorInsufficientBuffer);
-    return false;
-  }
+  if (size < TokenUserSize(*opened)) return posix::Fail(kErrorInsufficientBuffer);
   sid = SidOfUid(opened->uid);
   return true;
 }
 
 bool EqualSid(const Sid& a, const Sid& b) {
   QV_FAULT_POINT("EqualSid", return false);
-  if (!IsValidSid(a) || !IsValidSid(b)) {
-    SetLastError(kErrorInvalidParameter);
-    return false;
-  }
+  if (!IsValidSid(a) || !IsValidSid(b)) return posix::Fail(kErrorInvalidParameter);
   SetLastError(kErrorSuccess);
   return a == b;
 }
@@ -123,10 +117,7 @@ bool ConvertSidToStringSidW(const Sid& sid, WString& text) {
   QV_FAULT_POINT("LoadLibraryW", return false, u"advapi32.dll");
   QV_FAULT_POINT("GetProcAddress", return false, u"ConvertSidToStringSidW");
   QV_FAULT_POINT("ConvertSidToStringSidW", return false);
-  if (!IsValidSid(sid)) {
-    SetLastError(kErrorInvalidParameter);
-    return false;
-  }
+  if (!IsValidSid(sid)) return posix::Fail(kErrorInvalidParameter);
   // The own account is known to the prefix under the SID of its user.reg;
   // without one, it reads as any other account.
   if (sid == SidOfUid(static_cast<std::uint32_t>(::getuid())) && posix::AccountSidFromUserReg(text)) return true;

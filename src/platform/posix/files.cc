@@ -26,6 +26,7 @@ namespace {
 
 using posix::CodeForPath;
 using posix::ErrnoToWinError;
+using posix::Fail;
 
 constexpr std::uint32_t kGenericRead = 0x80000000u;
 constexpr std::uint32_t kOpenExisting = 3;
@@ -41,11 +42,6 @@ struct Search {
   std::vector<FindData> entries;
   std::size_t next = 0;
 };
-
-bool Fail(std::uint32_t code) {
-  SetLastError(code);
-  return false;
-}
 
 // The host path of a Windows path; false with the last error set.
 bool Resolve(const WString& path, std::string& host, std::size_t* depth = nullptr) {

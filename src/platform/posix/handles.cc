@@ -3,6 +3,7 @@
 #include <map>
 
 #include "platform/fault_injection.h"
+#include "platform/posix/errors.h"
 
 namespace qv::platform::posix {
 namespace {
@@ -33,17 +34,14 @@ void* LookUpHandleObject(Handle handle, HandleKind kind) {
 bool ReleaseHandle(Handle handle) {
   auto it = table.find(handle);
   if (it == table.end()) return false;
-  // Destroy outside the table, in case the object's clean-up looks at it.
+  // Destroyed outside the table, in case the object's clean-up looks at it.
   std::shared_ptr<void> object = std::move(it->second.object);
   table.erase(it);
-  object.reset();
   return true;
 }
 
 bool ReleaseHandleOfKind(Handle handle, HandleKind kind) {
-  auto it = table.find(handle);
-  if (it == table.end() || it->second.kind != kind) return false;
-  return ReleaseHandle(handle);
+  return LookUpHandleObject(handle, kind) != nullptr && ReleaseHandle(handle);
 }
 
 }  // namespace qv::platform::posix
@@ -54,11 +52,7 @@ bool CloseHandle(Handle handle) {
   QV_FAULT_POINT("CloseHandle", return false);
   // The own process's pseudo-handle needs no closing.
   if (handle == posix::kCurrentProcessHandle) return true;
-  if (!posix::ReleaseHandle(handle)) {
-    SetLastError(kErrorInvalidHandle);
-    return false;
-  }
-  return true;
+  return posix::ReleaseHandle(handle) || posix::Fail(kErrorInvalidHandle);
 }
 
 }  // namespace qv::platform

@@ -88,10 +88,7 @@ struct MutexHandle {
 bool LockFileName(const WString& name, std::string& file) {
   std::uint32_t session = 0;
   std::uint32_t error = 0;
-  if (!posix::ReadSessionId(static_cast<std::uint32_t>(::getpid()), session, error)) {
-    SetLastError(error);
-    return false;
-  }
+  if (!posix::ReadSessionId(static_cast<std::uint32_t>(::getpid()), session, error)) return posix::Fail(error);
   const std::size_t hash = std::hash<WString>{}(Utf8ToWide(posix::PrefixDirectory()) + u"|" + name);
   file = "/dev/shm/quorvane-mutex-" + std::to_string(::getuid()) + "-" + std::to_string(session) + "-" +
          std::to_string(hash);
@@ -179,15 +176,9 @@ std::uint32_t WaitForSingleObject(Handle handle, std::uint32_t milliseconds) {
 bool ReleaseMutex(Handle handle) {
   QV_FAULT_POINT("ReleaseMutex", return false);
   auto* mutexHandle = posix::LookUpHandle<MutexHandle>(handle, posix::HandleKind::Mutex);
-  if (mutexHandle == nullptr) {
-    SetLastError(kErrorInvalidHandle);
-    return false;
-  }
+  if (mutexHandle == nullptr) return posix::Fail(kErrorInvalidHandle);
   OpenMutex* mutex = mutexHandle->mutex;
-  if (mutex->ownership == 0) {
-    SetLastError(kErrorNotOwner);
-    return false;
-  }
+  if (mutex->ownership == 0) return posix::Fail(kErrorNotOwner);
   if (--mutex->ownership == 0) {
     WriteHeld(mutex->fd, 0);
     LockByte(mutex->fd, F_SETLK, F_UNLCK, kOwnerByte);

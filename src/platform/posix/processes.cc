@@ -142,15 +142,9 @@ bool ExeFileName(std::uint32_t id, WString& name) {
 
 bool NextEntry(Handle snapshot, ProcessEntry& entry, bool first) {
   auto* state = LookUpHandle<Snapshot>(snapshot, HandleKind::Snapshot);
-  if (state == nullptr) {
-    SetLastError(kErrorInvalidHandle);
-    return false;
-  }
+  if (state == nullptr) return Fail(kErrorInvalidHandle);
   if (first) state->next = 0;
-  if (state->next >= state->entries.size()) {
-    SetLastError(kErrorNoMoreFiles);
-    return false;
-  }
+  if (state->next >= state->entries.size()) return Fail(kErrorNoMoreFiles);
   entry = state->entries[state->next++];
   return true;
 }
@@ -221,9 +215,7 @@ bool ProcessIdToSessionId(std::uint32_t processId, std::uint32_t& sessionId) {
   // The own session comes from the real /proc even when the process table
   // is a test's own.
   std::uint32_t error = kErrorInvalidParameter;
-  if (processId != 0 && posix::ReadSessionId(processId, sessionId, error)) return true;
-  SetLastError(error);
-  return false;
+  return (processId != 0 && posix::ReadSessionId(processId, sessionId, error)) || posix::Fail(error);
 }
 
 Handle OpenProcess(std::uint32_t desiredAccess, std::uint32_t processId) {
@@ -246,37 +238,23 @@ bool LookUpQueryFullProcessImageNameW() {
 bool QueryFullProcessImageNameW(Handle process, WString& path, std::uint32_t capacity) {
   QV_FAULT_POINT("QueryFullProcessImageNameW", return false);
   posix::OpenedProcess own;
-  const posix::OpenedProcess* target = nullptr;
-  if (process == posix::kCurrentProcessHandle) {
-    std::uint32_t error = 0;
-    if (!posix::LoadOpenedProcess(static_cast<std::uint32_t>(::getpid()), own, error)) {
-      SetLastError(error);
-      return false;
-    }
-    target = &own;
-  } else {
-    target = posix::LookUpHandle<posix::OpenedProcess>(process, posix::HandleKind::Process);
-    if (target == nullptr) {
-      SetLastError(kErrorInvalidHandle);
-      return false;
-    }
-  }
+  std::uint32_t error = kErrorInvalidHandle;
+  const posix::OpenedProcess* target =
+      process == posix::kCurrentProcessHandle
+          ? (posix::LoadOpenedProcess(static_cast<std::uint32_t>(::getpid()), own, error) ? &own : nullptr)
+          : posix::LookUpHandle<posix::OpenedProcess>(process, posix::HandleKind::Process);
+  if (target == nullptr) return posix::Fail(error);
   WString image;
   if (posix::IsAbsoluteWindowsPath(target->firstArgument)) {
     // Wine's argv[0]; the Win32 form separates with backslashes.
     image = Utf8ToWide(target->firstArgument);
     std::replace(image.begin(), image.end(), u'/', u'\\');
   } else if (target->exeError != 0) {
-    SetLastError(posix::ErrnoToWinError(target->exeError));
-    return false;
+    return posix::Fail(posix::ErrnoToWinError(target->exeError));
   } else if (!posix::ToWindowsPath(target->exeTarget, image)) {
-    SetLastError(kErrorPathNotFound);
-    return false;
+    return posix::Fail(kErrorPathNotFound);
   }
-  if (image.size() + 1 > capacity) {
-    SetLastError(kErrorInsufficientBuffer);
-    return false;
-  }
+  if (image.size() + 1 > capacity) return posix::Fail(kErrorInsufficientBuffer);
   path = image;
   return true;
 }
