@@ -49,11 +49,6 @@ bool Resolve(const WString& path, std::string& host, std::size_t* depth = nullpt
   return posix::ToHostPath(path, host, error, depth) || Fail(error);
 }
 
-std::string HostParent(const std::string& host) {
-  const std::size_t slash = host.find_last_of('/');
-  return slash == std::string::npos || slash == 0 ? "/" : host.substr(0, slash);
-}
-
 // A file whose mode grants no write to anyone is read-only, as Wine reports
 // it. Windows refuses to replace or write such a file whoever asks, so it is
 // refused here for root too, whom the kernel would let through.
@@ -82,8 +77,9 @@ std::uint32_t AttributesOf(const std::string& host, std::size_t depth) {
   return attributes;
 }
 
-void SyncFolder(const std::string& folder) {
-  const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+// Syncs the folder that holds a host entry.
+void SyncFolderOf(const std::string& host) {
+  const int fd = ::open(std::filesystem::path(host).parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd < 0) return;
   ::fsync(fd);
   ::close(fd);
@@ -238,8 +234,8 @@ bool MoveFileExW(const WString& from, const WString& to, std::uint32_t flags) {
     if (!MoveAcross(source, sourceStat, target)) return false;
   }
   if ((flags & kMoveFileWriteThrough) != 0) {
-    SyncFolder(HostParent(target));
-    if (HostParent(source) != HostParent(target)) SyncFolder(HostParent(source));
+    SyncFolderOf(target);
+    SyncFolderOf(source);
   }
   return true;
 }

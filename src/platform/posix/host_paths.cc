@@ -1,6 +1,5 @@
 #include "platform/posix/host_paths.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -20,29 +19,18 @@ namespace {
 bool IsDriveLetter(WChar c) { return (c >= u'A' && c <= u'Z') || (c >= u'a' && c <= u'z'); }
 WChar UpperLetter(WChar c) { return (c >= u'a' && c <= u'z') ? static_cast<WChar>(c - 32) : c; }
 
-// The non-empty elements of a path between `separator`s.
-template <typename String>
-std::vector<String> Elements(const String& path, typename String::value_type separator) {
-  std::vector<String> elements;
+// The non-empty elements of a Windows path, with "." and ".." resolved.
+std::vector<WString> Elements(const WString& path) {
+  std::vector<WString> kept;
   for (std::size_t i = 0; i <= path.size();) {
-    std::size_t j = path.find(separator, i);
-    if (j == String::npos) j = path.size();
-    if (j > i) elements.push_back(path.substr(i, j - i));
-    i = j + 1;
-  }
-  return elements;
-}
-
-// Elements with "." and ".." resolved.
-template <typename String>
-std::vector<String> Resolved(const std::vector<String>& elements) {
-  std::vector<String> kept;
-  for (const String& element : elements) {
-    if (element.size() == 2 && element[0] == '.' && element[1] == '.') {
+    const std::size_t end = std::min(path.find(u'\\', i), path.size());
+    const WString element = path.substr(i, end - i);
+    if (element == u"..") {
       if (!kept.empty()) kept.pop_back();
-    } else if (!(element.size() == 1 && element[0] == '.')) {
+    } else if (!element.empty() && element != u".") {
       kept.push_back(element);
     }
+    i = end + 1;
   }
   return kept;
 }
@@ -50,9 +38,9 @@ std::vector<String> Resolved(const std::vector<String>& elements) {
 // An absolute host path with "//", "." and ".." collapsed, without touching
 // the disk.
 std::string NormalisedHostPath(const std::string& path) {
-  std::string out;
-  for (const std::string& element : Resolved(Elements(path, '/'))) out += "/" + element;
-  return out.empty() ? "/" : out;
+  std::string normal = std::filesystem::path(path).lexically_normal().string();
+  while (normal.size() > 1 && normal.back() == '/') normal.pop_back();
+  return normal;
 }
 
 std::string WorkingDirectory() {
@@ -94,19 +82,12 @@ bool IsValidComponent(const WString& component) {
 
 // The entry of a host folder named like `name` without regard to case.
 bool FindIgnoringCase(const std::string& folder, const WString& name, std::string& found) {
-  DIR* dir = ::opendir(folder.c_str());
-  if (dir == nullptr) return false;
-  const WString wanted = UpcaseName(name);
-  bool match = false;
-  while (const dirent* entry = ::readdir(dir)) {
-    if (UpcaseName(Utf8ToWide(entry->d_name)) == wanted) {
-      found = entry->d_name;
-      match = true;
-      break;
-    }
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
+    found = entry.path().filename().string();
+    if (UpcaseName(Utf8ToWide(found)) == UpcaseName(name)) return true;
   }
-  ::closedir(dir);
-  return match;
+  return false;
 }
 
 // Whether `path` is `root` or lies below it; `rest` is what follows.
@@ -172,7 +153,7 @@ bool FullPathName(const WString& name, WString& full, std::uint32_t& error) {
     }
   }
   const bool trailingSeparator = !rest.empty() && rest.back() == u'\\';
-  std::vector<WString> parts = Resolved(Elements(rest, u'\\'));
+  std::vector<WString> parts = Elements(rest);
   if (!parts.empty() && !trailingSeparator) {
     // Windows drops trailing dots and blanks of the last element.
     WString& last = parts.back();
@@ -197,7 +178,7 @@ bool ToHostPath(const WString& windowsPath, std::string& hostPath, std::uint32_t
     error = kErrorPathNotFound;
     return false;
   }
-  const std::vector<WString> components = Elements(full.substr(3), u'\\');
+  const std::vector<WString> components = Elements(full.substr(3));
   // Once a component is missing, nothing below it can exist.
   bool present = true;
   for (const WString& component : components) {

@@ -39,7 +39,6 @@ namespace qv::platform {
 namespace {
 
 constexpr std::uint32_t kErrorNotOwner = 288;
-constexpr std::uint32_t kInfinite = 0xFFFFFFFFu;
 constexpr off_t kOwnerByte = 0;
 constexpr off_t kHandlesByte = 1;
 constexpr off_t kHeldByte = 2;
@@ -118,9 +117,8 @@ OpenMutex* Open(const std::string& file) {
   }
 }
 
-// Takes byte 0 within `milliseconds`.
+// Takes byte 0 within `milliseconds` (INFINITE, 49 days, included).
 bool LockOwnerByte(int fd, std::uint32_t milliseconds) {
-  if (milliseconds == kInfinite) return LockByte(fd, F_SETLKW, F_WRLCK, kOwnerByte);
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
   while (!LockByte(fd, F_SETLK, F_WRLCK, kOwnerByte)) {
     if ((errno != EAGAIN && errno != EACCES) || std::chrono::steady_clock::now() >= deadline) return false;

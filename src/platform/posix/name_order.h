@@ -1,4 +1,7 @@
-// How Windows compares and orders names, as Wine's case table has it.
+// How Windows compares and orders names: each UTF-16 code unit upper-cased
+// by Wine's case table, then compared unit by unit. NTFS keeps a folder's
+// names in that order, and Wine sorts its listings so, so FindFirstFileW and
+// FindNextFileW give the entries in that order on either.
 #pragma once
 
 #include "platform/wstring.h"
