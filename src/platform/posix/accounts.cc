@@ -73,8 +73,7 @@ const Token* TokenOf(Handle handle) {
 
 }  // namespace
 
-bool OpenProcessToken(Handle process, std::uint32_t desiredAccess, Handle& token) {
-  (void)desiredAccess;
+bool OpenProcessToken(Handle process, std::uint32_t /*desiredAccess*/, Handle& token) {
   QV_FAULT_POINT("OpenProcessToken", return false);
   auto opened = std::make_shared<Token>();
   if (process == posix::kCurrentProcessHandle) {

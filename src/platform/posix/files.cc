@@ -334,24 +334,22 @@ Handle FindFirstFileW(const WString& pattern, FindData& data) {
   if (dir == nullptr) {
     return Fail(errno == ENOENT || errno == ENOTDIR ? kErrorPathNotFound : ErrnoToWinError(errno)), kInvalidHandle;
   }
-  // Names in the order Windows lists them, not that of the Linux file system
-  // (a hash order on ext4), "." and ".." first.
+  // "." and ".." first, then the names in the order Windows lists them, not
+  // that of the Linux file system (a hash order on ext4).
   std::vector<std::pair<WString, std::string>> names;
   while (const dirent* entry = ::readdir(dir)) {
-    WString name = Utf8ToWide(entry->d_name);
+    const WString name = Utf8ToWide(entry->d_name);
+    if (name == u"." || name == u"..") continue;
     if (mask == u"*" || posix::UpcaseName(name) == posix::UpcaseName(mask)) names.emplace_back(name, entry->d_name);
   }
   ::closedir(dir);
-  std::sort(names.begin(), names.end(), [](const auto& a, const auto& b) {
-    const bool dotsA = a.second == "." || a.second == "..";
-    const bool dotsB = b.second == "." || b.second == "..";
-    return dotsA != dotsB ? dotsA : posix::ListsBefore(a.first, b.first);
-  });
+  std::sort(names.begin(), names.end(),
+            [](const auto& a, const auto& b) { return posix::ListsBefore(a.first, b.first); });
   auto search = std::make_shared<Search>();
+  if (mask == u"*") search->entries = {{kFileAttributeDirectory, u"."}, {kFileAttributeDirectory, u".."}};
   const std::string base = host == "/" ? "" : host;
   for (const auto& [name, hostName] : names) {
-    const bool dots = hostName == "." || hostName == "..";
-    const std::uint32_t attributes = dots ? kFileAttributeDirectory : AttributesOf(base + "/" + hostName, depth + 1);
+    const std::uint32_t attributes = AttributesOf(base + "/" + hostName, depth + 1);
     // One that vanished since the listing is left out.
     if (attributes != kInvalidFileAttributes) search->entries.push_back({attributes, name});
   }

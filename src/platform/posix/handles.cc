@@ -19,10 +19,9 @@ Handle nextHandle = 0x100;
 }  // namespace
 
 Handle RegisterHandle(HandleKind kind, std::shared_ptr<void> object) {
-  Handle handle = nextHandle;
   nextHandle += 4;
-  table.emplace(handle, Entry{kind, std::move(object)});
-  return handle;
+  table.emplace(nextHandle, Entry{kind, std::move(object)});
+  return nextHandle;
 }
 
 void* LookUpHandleObject(Handle handle, HandleKind kind) {

@@ -20,15 +20,14 @@ Handle RegisterHandle(HandleKind kind, std::shared_ptr<void> object);
 
 // The object behind a handle of that kind, or null.
 void* LookUpHandleObject(Handle handle, HandleKind kind);
-
 template <typename T>
 T* LookUpHandle(Handle handle, HandleKind kind) {
   return static_cast<T*>(LookUpHandleObject(handle, kind));
 }
 
-// Releases a handle of any kind; false for an unknown handle.
+// Releases a handle (of any kind, or only of `kind`); false for an unknown
+// handle.
 bool ReleaseHandle(Handle handle);
-// Releases a handle only if it is of that kind.
 bool ReleaseHandleOfKind(Handle handle, HandleKind kind);
 
 }  // namespace qv::platform::posix

@@ -17,18 +17,14 @@ namespace qv::platform::posix {
 // (kErrorInvalidName) for an empty name.
 bool FullPathName(const WString& name, WString& full, std::uint32_t& error);
 
-// Resolves a Windows path to a host path. The full path's drive letter leads
-// through $WINEPREFIX/dosdevices/<x>: (Z: is "/" when the prefix does not
-// map it); each later component is tried as written, then matched without
-// regard to case against the folder's entries, as Wine does. Components that
-// do not exist are kept as written, so the result names where a new file
-// would go. `depth`, when asked, is the number of components below the drive
-// root: 0 for the root itself, whose link maps the drive and is no reparse
-// point.
-//
-// False with `error` set (kErrorPathNotFound for an unmapped drive,
-// kErrorBadNetPath for a network path, kErrorInvalidName for a name the host
-// cannot hold) when there is no host path.
+// Resolves a Windows path to a host path: the full path's drive letter
+// leads through $WINEPREFIX/dosdevices/<x>: (Z: is "/" unless mapped); each
+// later component is tried as written, then matched without regard to case
+// among its folder's entries, as Wine does; components that do not exist are
+// kept as written. `depth`, when asked, counts the components below the
+// drive root (0 for the root, whose link maps the drive: no reparse point).
+// False with `error` set (3 for an unmapped drive, 53 for a network path,
+// 123 for a name the host cannot hold) when there is no host path.
 bool ToHostPath(const WString& windowsPath, std::string& hostPath, std::uint32_t& error,
                 std::size_t* depth = nullptr);
 

@@ -5,24 +5,21 @@
 namespace qv::platform::posix {
 namespace {
 
-std::string WithoutTrailingSlashes(std::string path) {
-  while (path.size() > 1 && path.back() == '/') path.pop_back();
-  return path;
+// The environment variable's value, else `fallback`; no trailing slash.
+std::string FolderFromEnvironment(const char* name, const std::string& fallback) {
+  const char* value = std::getenv(name);
+  std::string folder = value != nullptr && *value != '\0' ? value : fallback;
+  while (folder.size() > 1 && folder.back() == '/') folder.pop_back();
+  return folder;
 }
 
 }  // namespace
 
 std::string PrefixDirectory() {
-  if (const char* prefix = std::getenv("WINEPREFIX"); prefix != nullptr && *prefix != '\0') {
-    return WithoutTrailingSlashes(prefix);
-  }
   const char* home = std::getenv("HOME");
-  return WithoutTrailingSlashes(std::string(home != nullptr ? home : "") + "/.wine");
+  return FolderFromEnvironment("WINEPREFIX", std::string(home != nullptr ? home : "") + "/.wine");
 }
 
-std::string ProcRoot() {
-  const char* root = std::getenv("QUORVANE_PROC_ROOT");
-  return WithoutTrailingSlashes(root != nullptr && *root != '\0' ? root : "/proc");
-}
+std::string ProcRoot() { return FolderFromEnvironment("QUORVANE_PROC_ROOT", "/proc"); }
 
 }  // namespace qv::platform::posix

@@ -1,10 +1,8 @@
-// Named mutexes on the Linux host: one lock file each in /dev/shm, whose
-// name carries the account, the Windows session and the prefix (Wine keeps
-// named objects in the server of one prefix), so runs of other accounts,
-// sessions or prefixes never meet.
-//
-// Three bytes of the file, with fcntl locks, which the kernel drops when
-// their process ends however it ends:
+// Named mutexes on the Linux host: one lock file each in /dev/shm, named
+// after the account, the Windows session and the prefix (Wine keeps named
+// objects in the server of one prefix), so that other accounts, sessions or
+// prefixes never meet. Three bytes of the file, with fcntl locks, which the
+// kernel drops when their process ends however it ends:
 //   byte 0  write-locked by the owner;
 //   byte 1  read-locked by every process that holds a handle;
 //   byte 2  not locked: 1 while an owner has not released the mutex.
@@ -63,7 +61,8 @@ struct OpenMutex {
   std::uint32_t ownership = 0;  // nested waits that this process owns
 };
 
-std::map<std::string, std::unique_ptr<OpenMutex>> openMutexes;
+// Never destroyed: handles still open at exit close into it.
+auto& openMutexes = *new std::map<std::string, std::unique_ptr<OpenMutex>>;
 
 // Closes the file (dropping its locks) once the process neither holds a
 // handle nor owns the mutex; the last process to hold a handle removes it.

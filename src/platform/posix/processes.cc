@@ -48,8 +48,8 @@ bool ParseRealUid(const std::string& status, std::uint32_t& uid) {
 }
 
 bool FolderExists(const std::string& folder) {
-  struct stat st;
-  return ::stat(folder.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+  std::error_code error;
+  return std::filesystem::is_directory(folder, error);
 }
 
 // <ProcRoot()>/<pid>, or /proc/self for the own pid.
@@ -218,8 +218,7 @@ bool ProcessIdToSessionId(std::uint32_t processId, std::uint32_t& sessionId) {
   return (processId != 0 && posix::ReadSessionId(processId, sessionId, error)) || posix::Fail(error);
 }
 
-Handle OpenProcess(std::uint32_t desiredAccess, std::uint32_t processId) {
-  (void)desiredAccess;
+Handle OpenProcess(std::uint32_t /*desiredAccess*/, std::uint32_t processId) {
   QV_FAULT_POINT("OpenProcess", return kNullHandle, DecimalText(processId));
   auto process = std::make_shared<posix::OpenedProcess>();
   std::uint32_t error = 0;
