@@ -83,8 +83,8 @@ bool IsValidComponent(const WString& component) {
 // The entry of a host folder named like `name` without regard to case.
 bool FindIgnoringCase(const std::string& folder, const WString& name, std::string& found) {
   std::error_code error;
-  for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
-    found = entry.path().filename().string();
+  for (std::filesystem::directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) {
+    found = it->path().filename().string();
     if (UpcaseName(Utf8ToWide(found)) == UpcaseName(name)) return true;
   }
   return false;
@@ -132,7 +132,7 @@ bool FullPathName(const WString& name, WString& full, std::uint32_t& error) {
     const std::size_t share = server == WString::npos ? WString::npos : path.find(u'\\', server + 1);
     root = path.substr(0, share) + u"\\";
     rest = share == WString::npos ? WString() : path.substr(share + 1);
-  } else if (path.size() >= 2 && path[1] == u':' && path.size() >= 3 && path[2] == u'\\') {
+  } else if (path.size() >= 3 && path[1] == u':' && path[2] == u'\\') {
     // Any character before the colon makes a drive, as Windows reads it,
     // and keeps the case it was given.
     root = path.substr(0, 3);
