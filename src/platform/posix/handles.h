@@ -8,7 +8,7 @@
 
 namespace qv::platform::posix {
 
-enum class HandleKind { File, Search, Snapshot, Process, Token, Mutex };
+enum class HandleKind { File, Search, Snapshot, Process, Token, Mutex, RegistryKey };
 
 // Stores the object and gives a new handle for it. The object is destroyed
 // (closing whatever it holds) when the handle is released.

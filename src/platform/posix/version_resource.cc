@@ -1,18 +1,15 @@
 // The version functions of the seam on the Linux host: the resource is
-// found and read in the PE file, without loading the whole file.
+// found in the PE file's bytes.
 #include "platform/posix/version_resource.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
+#include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "platform/fault_injection.h"
-#include "platform/posix/host.h"
+#include "platform/posix/file_bytes.h"
 
 namespace qv::platform {
 namespace posix {
@@ -41,30 +38,24 @@ struct Section {
   std::uint32_t rawOffset = 0;
 };
 
-// File offset of an RVA through the section that holds it in its file data,
-// and how many bytes of that section follow it.
-bool RvaToOffset(const std::vector<Section>& sections, std::uint32_t rva, std::uint64_t& offset,
-                 std::uint32_t& available) {
+// `size` bytes at `offset` of `bytes`, or null when they are not all there.
+const std::uint8_t* At(std::string_view bytes, std::uint64_t offset, std::size_t size) {
+  if (offset > bytes.size() || size > bytes.size() - offset) return nullptr;
+  return reinterpret_cast<const std::uint8_t*>(bytes.data()) + offset;
+}
+
+// The file's bytes from an RVA to the end of the section that holds it in
+// its file data; false when no section does.
+bool FromRva(std::string_view image, const std::vector<Section>& sections, std::uint32_t rva, std::string_view& out) {
   for (const Section& s : sections) {
     if (rva >= s.virtualAddress && rva - s.virtualAddress < s.rawSize) {
-      offset = static_cast<std::uint64_t>(s.rawOffset) + (rva - s.virtualAddress);
-      available = s.rawSize - (rva - s.virtualAddress);
+      const std::uint64_t offset = std::uint64_t{s.rawOffset} + (rva - s.virtualAddress);
+      if (offset > image.size()) return false;
+      out = image.substr(offset, s.rawSize - (rva - s.virtualAddress));
       return true;
     }
   }
   return false;
-}
-
-// The resource section as the tree sees it: its file offset and length.
-struct ResourceArea {
-  const ImageSource* image = nullptr;
-  std::uint64_t base = 0;
-  std::uint32_t size = 0;
-};
-
-bool ReadArea(const ResourceArea& area, std::uint32_t at, void* out, std::size_t size) {
-  if (at > area.size || size > area.size - at) return false;
-  return ReadImage(*area.image, area.base + at, out, size);
 }
 
 struct DirectoryEntry {
@@ -72,18 +63,15 @@ struct DirectoryEntry {
   std::uint32_t target = 0;  // high bit: a subdirectory
 };
 
-// The entries of the directory at `at` within the resource area.
-bool ReadDirectory(const ResourceArea& area, std::uint32_t at, std::vector<DirectoryEntry>& entries) {
-  std::uint8_t header[16];
-  if (!ReadArea(area, at, header, sizeof header)) return false;
-  std::uint32_t count = static_cast<std::uint32_t>(U16(header + 12)) + U16(header + 14);
-  std::vector<std::uint8_t> raw(static_cast<std::size_t>(count) * 8);
-  if (!ReadArea(area, at + 16, raw.data(), raw.size())) return false;
+// The entries of the directory at `at` within the resource section.
+bool ReadDirectory(std::string_view area, std::uint32_t at, std::vector<DirectoryEntry>& entries) {
+  const std::uint8_t* header = At(area, at, 16);
+  if (header == nullptr) return false;
+  const std::uint32_t count = std::uint32_t{U16(header + 12)} + U16(header + 14);
+  const std::uint8_t* raw = At(area, std::uint64_t{at} + 16, std::size_t{count} * 8);
+  if (raw == nullptr) return false;
   entries.resize(count);
-  for (std::uint32_t i = 0; i < count; ++i) {
-    entries[i].name = U32(&raw[i * 8]);
-    entries[i].target = U32(&raw[i * 8 + 4]);
-  }
+  for (std::uint32_t i = 0; i < count; ++i) entries[i] = {U32(raw + i * 8), U32(raw + i * 8 + 4)};
   return true;
 }
 
@@ -113,47 +101,22 @@ const DirectoryEntry* PickLanguage(const std::vector<DirectoryEntry>& entries) {
 
 }  // namespace
 
-ImageSource MemoryImage(std::string_view bytes) {
-  ImageSource image;
-  image.bytes = bytes;
-  image.size = bytes.size();
-  return image;
-}
-
-bool ReadImage(const ImageSource& image, std::uint64_t offset, void* out, std::size_t size) {
-  if (offset > image.size || size > image.size - offset) return false;
-  if (image.fd < 0) {
-    if (size > 0) std::memcpy(out, image.bytes.data() + offset, size);
-    return true;
-  }
-  auto* dest = static_cast<std::uint8_t*>(out);
-  while (size > 0) {
-    ssize_t n = ::pread(image.fd, dest, size, static_cast<off_t>(offset));
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;  // the file shrank, or cannot be read
-    dest += n;
-    offset += static_cast<std::uint64_t>(n);
-    size -= static_cast<std::size_t>(n);
-  }
-  return true;
-}
-
-bool FindVersionResource(const ImageSource& image, ResourceSpan& span) {
-  std::uint8_t dos[64];
-  if (!ReadImage(image, 0, dos, sizeof dos) || dos[0] != 'M' || dos[1] != 'Z') return false;
+bool FindVersionResource(std::string_view image, std::string_view& resource) {
+  const std::uint8_t* dos = At(image, 0, 64);
+  if (dos == nullptr || dos[0] != 'M' || dos[1] != 'Z') return false;
   const std::uint64_t peOffset = U32(dos + 0x3C);
 
   // Signature and COFF header.
-  std::uint8_t coff[24];
-  if (!ReadImage(image, peOffset, coff, sizeof coff) || std::memcmp(coff, "PE\0\0", 4) != 0) return false;
+  const std::uint8_t* coff = At(image, peOffset, 24);
+  if (coff == nullptr || std::memcmp(coff, "PE\0\0", 4) != 0) return false;
   const std::uint16_t sectionCount = U16(coff + 6);
   const std::uint16_t optionalSize = U16(coff + 20);
   if (sectionCount == 0 || sectionCount > kMaxSections) return false;
 
   // Optional header: the resource entry of the data directory.
-  std::vector<std::uint8_t> optional(optionalSize);
-  if (optionalSize < 2 || !ReadImage(image, peOffset + 24, optional.data(), optional.size())) return false;
-  const std::uint16_t magic = U16(optional.data());
+  const std::uint8_t* optional = At(image, peOffset + 24, optionalSize);
+  if (optional == nullptr || optionalSize < 2) return false;
+  const std::uint16_t magic = U16(optional);
   std::size_t countAt = 0;
   if (magic == kPe32Magic) {
     countAt = 92;
@@ -163,28 +126,23 @@ bool FindVersionResource(const ImageSource& image, ResourceSpan& span) {
     return false;
   }
   const std::size_t resourceEntryAt = countAt + 4 + 2 * 8;
-  if (optional.size() < resourceEntryAt + 8 || U32(&optional[countAt]) <= 2) return false;
-  const std::uint32_t resourceRva = U32(&optional[resourceEntryAt]);
-  if (resourceRva == 0 || U32(&optional[resourceEntryAt + 4]) == 0) return false;
+  if (optionalSize < resourceEntryAt + 8 || U32(optional + countAt) <= 2) return false;
+  const std::uint32_t resourceRva = U32(optional + resourceEntryAt);
+  if (resourceRva == 0 || U32(optional + resourceEntryAt + 4) == 0) return false;
 
   // Section table.
-  std::vector<std::uint8_t> table(static_cast<std::size_t>(sectionCount) * 40);
-  if (!ReadImage(image, peOffset + 24 + optionalSize, table.data(), table.size())) return false;
+  const std::uint8_t* table = At(image, peOffset + 24 + optionalSize, std::size_t{sectionCount} * 40);
+  if (table == nullptr) return false;
   std::vector<Section> sections(sectionCount);
   for (std::size_t i = 0; i < sectionCount; ++i) {
-    const std::uint8_t* s = &table[i * 40];
-    sections[i].virtualAddress = U32(s + 12);
-    sections[i].rawSize = U32(s + 16);
-    sections[i].rawOffset = U32(s + 20);
+    sections[i] = {U32(table + i * 40 + 12), U32(table + i * 40 + 16), U32(table + i * 40 + 20)};
   }
 
-  ResourceArea area;
-  area.image = &image;
-  if (!RvaToOffset(sections, resourceRva, area.base, area.size)) return false;
-
   // Type, name, language: three levels, never more.
+  std::string_view area;
   std::vector<DirectoryEntry> entries;
   std::uint32_t at = 0;
+  if (!FromRva(image, sections, resourceRva, area)) return false;
   if (!ReadDirectory(area, 0, entries) || !FindSubdirectory(entries, kRtVersion, at)) return false;
   if (!ReadDirectory(area, at, entries) || !FindSubdirectory(entries, kVsVersionInfo, at)) return false;
   if (!ReadDirectory(area, at, entries)) return false;
@@ -192,16 +150,13 @@ bool FindVersionResource(const ImageSource& image, ResourceSpan& span) {
   if (language == nullptr || (language->target & 0x80000000u) != 0) return false;
 
   // The data entry: the resource's RVA and size.
-  std::uint8_t data[16];
-  if (!ReadArea(area, language->target, data, sizeof data)) return false;
-  const std::uint32_t dataRva = U32(data);
+  const std::uint8_t* data = At(area, language->target, 16);
+  if (data == nullptr) return false;
   const std::uint32_t dataSize = U32(data + 4);
-  std::uint64_t dataOffset = 0;
-  std::uint32_t available = 0;
-  if (dataSize == 0 || dataSize > kMaxResourceSize || !RvaToOffset(sections, dataRva, dataOffset, available) || dataSize > available) return false;
-  if (dataOffset > image.size || dataSize > image.size - dataOffset) return false;
-  span.offset = dataOffset;
-  span.size = dataSize;
+  std::string_view section;
+  if (dataSize == 0 || dataSize > kMaxResourceSize || !FromRva(image, sections, U32(data), section)) return false;
+  if (dataSize > section.size()) return false;
+  resource = section.substr(0, dataSize);
   return true;
 }
 
@@ -232,58 +187,37 @@ namespace {
 // resource, whether it is an executable or not.
 constexpr std::uint32_t kErrorResourceDataNotFound = 1812;
 
-// The buffer size the call asks for: as Windows and Wine do, twice the
-// resource and four bytes, room they keep for converted texts.
-std::uint32_t BufferSizeFor(std::uint32_t resourceSize) { return resourceSize * 2 + 4; }
-
-struct OpenImage {
-  posix::ImageSource image;
-  ~OpenImage() {
-    if (image.fd >= 0) ::close(image.fd);
-  }
-};
-
-// Opens the file and finds its version resource; false with the Windows
-// error code when there is none.
-bool LocateVersion(const WString& path, OpenImage& file, posix::ResourceSpan& span, std::uint32_t& error) {
-  std::string host;
-  if (!posix::ToHostPath(path, host, error)) return false;
-  const int fd = posix::OpenForReading(host, error);
-  if (fd < 0) return false;
-  file.image.fd = fd;
-  struct stat st;
-  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-    error = kErrorAccessDenied;
-    return false;
-  }
-  file.image.size = static_cast<std::uint64_t>(st.st_size);
-  if (!posix::FindVersionResource(file.image, span)) {
-    error = kErrorResourceDataNotFound;
-    return false;
-  }
-  return true;
+// The file's bytes and its version resource within them; false with the
+// Windows error code when there is none.
+bool LocateVersion(const WString& path, std::string& image, std::string_view& resource, std::uint32_t& error) {
+  if (!posix::ReadFileBytes(path, image, error)) return false;
+  if (posix::FindVersionResource(image, resource)) return true;
+  error = kErrorResourceDataNotFound;
+  return false;
 }
 
 }  // namespace
 
 std::uint32_t GetFileVersionInfoSizeW(const WString& path) {
   QV_FAULT_POINT("GetFileVersionInfoSizeW", return 0, path);
-  OpenImage file;
-  posix::ResourceSpan span;
+  std::string image;
+  std::string_view resource;
   std::uint32_t error = 0;
-  if (!LocateVersion(path, file, span, error)) {
+  if (!LocateVersion(path, image, resource, error)) {
     SetLastError(error);
     return 0;
   }
-  return BufferSizeFor(span.size);
+  // As Windows and Wine do: twice the resource and four bytes, room they
+  // keep for converted texts.
+  return static_cast<std::uint32_t>(resource.size()) * 2 + 4;
 }
 
 bool GetFileVersionInfoW(const WString& path, std::uint32_t size, std::vector<std::uint8_t>& data) {
   QV_FAULT_POINT("GetFileVersionInfoW", return false, path);
-  OpenImage file;
-  posix::ResourceSpan span;
+  std::string image;
+  std::string_view resource;
   std::uint32_t error = 0;
-  if (!LocateVersion(path, file, span, error)) {
+  if (!LocateVersion(path, image, resource, error)) {
     SetLastError(error);
     return false;
   }
@@ -294,11 +228,7 @@ bool GetFileVersionInfoW(const WString& path, std::uint32_t size, std::vector<st
   // As the Win32 call: the buffer holds `size` bytes, the resource as far as
   // it fits, zeros behind it.
   data.assign(size, 0);
-  std::uint32_t copied = span.size < size ? span.size : size;
-  if (!posix::ReadImage(file.image, span.offset, data.data(), copied)) {
-    SetLastError(kErrorReadFault);
-    return false;
-  }
+  std::copy_n(resource.begin(), std::min<std::size_t>(resource.size(), size), data.begin());
   return true;
 }
 
