@@ -239,7 +239,7 @@ WineRegistryKey ReadWineRegistryKey(std::string_view text, WStringView path) {
   WineRegistryKey key;
   key.exists = path.empty();  // the root, even of an empty file
   const WString wanted = Fold(path);
-  // Subkeys by folded name: the name as first written, for sorting below.
+  // Subkeys in order, each as its first header writes it.
   std::map<WString, WString> subkeys;
   WString section;       // the folded name of the header above, if it was read
   bool inSection = false;
@@ -255,7 +255,11 @@ WineRegistryKey ReadWineRegistryKey(std::string_view text, WStringView path) {
       if (below) {
         const std::size_t start = wanted.empty() ? 0 : wanted.size() + 1;
         const std::size_t length = section.find(u'\\', start) - start;
-        subkeys.emplace(section.substr(start, length), name.substr(start, length));
+        // Wine's server orders subkeys by their names in small letters: so
+        // the folded name's A-Z go back to a-z, after "_" and the like.
+        WString order = section.substr(start, length);
+        for (char16_t& c : order) c = c >= u'A' && c <= u'Z' ? static_cast<char16_t>(c + 32) : c;
+        subkeys.emplace(std::move(order), name.substr(start, length));
       }
       key.exists = key.exists || below || section == wanted;
       return;

@@ -38,8 +38,8 @@ struct WineRegistryKey {
   // "SymbolicLinkValue"); 0 when none does. The root is never a link.
   std::size_t linkDepth = 0;
   // Names of the direct subkeys, each in the case of its first header, in
-  // Wine's order: by name without regard to case, a name before any longer
-  // name it begins.
+  // Wine's order: by name in small letters, a name before any longer name it
+  // begins.
   std::vector<WString> subkeys;
   // The key's values, in order of first appearance, later data winning.
   std::vector<WineRegistryValue> values;
