@@ -48,12 +48,6 @@ std::int32_t Fail(std::uint32_t error) {
   return static_cast<std::int32_t>(error);
 }
 
-WString Join(const std::vector<WString>& parts, std::size_t count) {
-  WString path;
-  for (std::size_t i = 0; i < count; ++i) path += (i == 0 ? u"" : u"\\") + parts[i];
-  return path;
-}
-
 bool SameName(WStringView a, WStringView b) {
   return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char16_t x, char16_t y) {
            return posix::UpcaseCodeUnit(x) == posix::UpcaseCodeUnit(y);
@@ -85,7 +79,9 @@ const OpenKey* KeyOf(RegKey key, OpenKey& root) {
 }
 
 posix::WineRegistryKey ReadKey(const OpenKey& key) {
-  return posix::ReadWineRegistryKey(ReadHive(key.hive), Join(key.path, key.path.size()));
+  WString path;
+  for (const WString& part : key.path) path += (path.empty() ? u"" : u"\\") + part;
+  return posix::ReadWineRegistryKey(ReadHive(key.hive), path);
 }
 
 // The key a link points to: "\Registry\Machine\..." or

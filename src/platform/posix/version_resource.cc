@@ -3,7 +3,6 @@
 #include "platform/posix/version_resource.h"
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -20,23 +19,12 @@ constexpr std::uint32_t kVsVersionInfo = 1;
 constexpr std::uint16_t kPe32Magic = 0x10B;
 constexpr std::uint16_t kPe32PlusMagic = 0x20B;
 constexpr std::size_t kFixedFileInfoSize = 52;
-// A VS_VERSIONINFO block counts its length in 16 bits; a resource far larger
-// than that is taken for damage rather than read into memory.
-constexpr std::uint32_t kMaxResourceSize = 1u << 20;
-// No section table of a real image comes near this; it bounds the reading.
-constexpr std::uint16_t kMaxSections = 96;
 
 std::uint16_t U16(const std::uint8_t* p) { return static_cast<std::uint16_t>(p[0] | (p[1] << 8)); }
 std::uint32_t U32(const std::uint8_t* p) {
   return static_cast<std::uint32_t>(p[0]) | (static_cast<std::uint32_t>(p[1]) << 8) |
          (static_cast<std::uint32_t>(p[2]) << 16) | (static_cast<std::uint32_t>(p[3]) << 24);
 }
-
-struct Section {
-  std::uint32_t virtualAddress = 0;
-  std::uint32_t rawSize = 0;
-  std::uint32_t rawOffset = 0;
-};
 
 // `size` bytes at `offset` of `bytes`, or null when they are not all there.
 const std::uint8_t* At(std::string_view bytes, std::uint64_t offset, std::size_t size) {
@@ -45,58 +33,61 @@ const std::uint8_t* At(std::string_view bytes, std::uint64_t offset, std::size_t
 }
 
 // The file's bytes from an RVA to the end of the section that holds it in
-// its file data; false when no section does.
-bool FromRva(std::string_view image, const std::vector<Section>& sections, std::uint32_t rva, std::string_view& out) {
-  for (const Section& s : sections) {
-    if (rva >= s.virtualAddress && rva - s.virtualAddress < s.rawSize) {
-      const std::uint64_t offset = std::uint64_t{s.rawOffset} + (rva - s.virtualAddress);
+// its file data; false when no section of the table (40 bytes a section)
+// does.
+bool FromRva(std::string_view image, const std::uint8_t* sections, std::size_t count, std::uint32_t rva,
+             std::string_view& out) {
+  for (const std::uint8_t* s = sections; s < sections + count * 40; s += 40) {
+    const std::uint32_t virtualAddress = U32(s + 12), rawSize = U32(s + 16), rawOffset = U32(s + 20);
+    if (rva >= virtualAddress && rva - virtualAddress < rawSize) {
+      const std::uint64_t offset = std::uint64_t{rawOffset} + (rva - virtualAddress);
       if (offset > image.size()) return false;
-      out = image.substr(offset, s.rawSize - (rva - s.virtualAddress));
+      out = image.substr(offset, rawSize - (rva - virtualAddress));
       return true;
     }
   }
   return false;
 }
 
-struct DirectoryEntry {
-  std::uint32_t name = 0;    // high bit: a named entry
-  std::uint32_t target = 0;  // high bit: a subdirectory
-};
-
-// The entries of the directory at `at` within the resource section.
-bool ReadDirectory(std::string_view area, std::uint32_t at, std::vector<DirectoryEntry>& entries) {
+// The entries of the resource directory at `at`, 8 bytes each: the name or
+// id (high bit: a name) and the target (high bit: a subdirectory).
+std::string_view Entries(std::string_view area, std::uint32_t at) {
   const std::uint8_t* header = At(area, at, 16);
-  if (header == nullptr) return false;
-  const std::uint32_t count = std::uint32_t{U16(header + 12)} + U16(header + 14);
-  const std::uint8_t* raw = At(area, std::uint64_t{at} + 16, std::size_t{count} * 8);
-  if (raw == nullptr) return false;
-  entries.resize(count);
-  for (std::uint32_t i = 0; i < count; ++i) entries[i] = {U32(raw + i * 8), U32(raw + i * 8 + 4)};
-  return true;
+  if (header == nullptr) return {};
+  const std::size_t size = (std::size_t{U16(header + 12)} + U16(header + 14)) * 8;
+  return At(area, std::uint64_t{at} + 16, size) == nullptr ? std::string_view() : area.substr(at + 16, size);
 }
+
+std::uint32_t EntryName(std::string_view entries, std::size_t i) { return U32(At(entries, i * 8, 4)); }
+std::uint32_t EntryTarget(std::string_view entries, std::size_t i) { return U32(At(entries, i * 8 + 4, 4)); }
 
 // The subdirectory that the entry with this numeric id leads to.
-bool FindSubdirectory(const std::vector<DirectoryEntry>& entries, std::uint32_t id, std::uint32_t& at) {
-  for (const DirectoryEntry& e : entries) {
-    if ((e.name & 0x80000000u) == 0 && e.name == id) {
-      if ((e.target & 0x80000000u) == 0) return false;
-      at = e.target & 0x7FFFFFFFu;
-      return true;
+bool FindSubdirectory(std::string_view entries, std::uint32_t id, std::uint32_t& at) {
+  for (std::size_t i = 0; i < entries.size() / 8; ++i) {
+    if (EntryName(entries, i) == id) {
+      at = EntryTarget(entries, i) & 0x7FFFFFFFu;
+      return (EntryTarget(entries, i) & 0x80000000u) != 0;
     }
   }
   return false;
 }
 
-// The language entry that FindResourceW takes for a neutral request under an
-// English locale: neutral forms first, then English, else the first listed.
-const DirectoryEntry* PickLanguage(const std::vector<DirectoryEntry>& entries) {
-  static constexpr std::array<std::uint32_t, 5> kPreferred = {0x0000, 0x0400, 0x0800, 0x0409, 0x0009};
-  for (std::uint32_t language : kPreferred) {
-    for (const DirectoryEntry& e : entries) {
-      if (e.name == language) return &e;
+// The data entry of the language that FindResourceW takes for a neutral
+// request under an English locale: neutral forms first, then English, else
+// the first listed. False when that entry is a subdirectory.
+bool PickLanguage(std::string_view entries, std::uint32_t& at) {
+  if (entries.empty()) return false;
+  std::size_t pick = 0;
+  for (std::uint32_t language : {0x0009u, 0x0409u, 0x0800u, 0x0400u, 0x0000u}) {  // the most wanted last
+    for (std::size_t i = 0; i < entries.size() / 8; ++i) {
+      if (EntryName(entries, i) == language) {
+        pick = i;
+        break;
+      }
     }
   }
-  return entries.empty() ? nullptr : &entries.front();
+  at = EntryTarget(entries, pick);
+  return (at & 0x80000000u) == 0;
 }
 
 }  // namespace
@@ -111,50 +102,39 @@ bool FindVersionResource(std::string_view image, std::string_view& resource) {
   if (coff == nullptr || std::memcmp(coff, "PE\0\0", 4) != 0) return false;
   const std::uint16_t sectionCount = U16(coff + 6);
   const std::uint16_t optionalSize = U16(coff + 20);
-  if (sectionCount == 0 || sectionCount > kMaxSections) return false;
+  if (sectionCount == 0) return false;
 
   // Optional header: the resource entry of the data directory.
   const std::uint8_t* optional = At(image, peOffset + 24, optionalSize);
   if (optional == nullptr || optionalSize < 2) return false;
   const std::uint16_t magic = U16(optional);
-  std::size_t countAt = 0;
-  if (magic == kPe32Magic) {
-    countAt = 92;
-  } else if (magic == kPe32PlusMagic) {
-    countAt = 108;
-  } else {
-    return false;
-  }
+  // Where the count of data directory entries stands.
+  const std::size_t countAt = magic == kPe32Magic ? 92 : magic == kPe32PlusMagic ? 108 : 0;
+  if (countAt == 0) return false;
   const std::size_t resourceEntryAt = countAt + 4 + 2 * 8;
   if (optionalSize < resourceEntryAt + 8 || U32(optional + countAt) <= 2) return false;
   const std::uint32_t resourceRva = U32(optional + resourceEntryAt);
   if (resourceRva == 0 || U32(optional + resourceEntryAt + 4) == 0) return false;
 
   // Section table.
-  const std::uint8_t* table = At(image, peOffset + 24 + optionalSize, std::size_t{sectionCount} * 40);
-  if (table == nullptr) return false;
-  std::vector<Section> sections(sectionCount);
-  for (std::size_t i = 0; i < sectionCount; ++i) {
-    sections[i] = {U32(table + i * 40 + 12), U32(table + i * 40 + 16), U32(table + i * 40 + 20)};
-  }
+  const std::uint8_t* sections = At(image, peOffset + 24 + optionalSize, std::size_t{sectionCount} * 40);
+  if (sections == nullptr) return false;
 
   // Type, name, language: three levels, never more.
   std::string_view area;
-  std::vector<DirectoryEntry> entries;
   std::uint32_t at = 0;
-  if (!FromRva(image, sections, resourceRva, area)) return false;
-  if (!ReadDirectory(area, 0, entries) || !FindSubdirectory(entries, kRtVersion, at)) return false;
-  if (!ReadDirectory(area, at, entries) || !FindSubdirectory(entries, kVsVersionInfo, at)) return false;
-  if (!ReadDirectory(area, at, entries)) return false;
-  const DirectoryEntry* language = PickLanguage(entries);
-  if (language == nullptr || (language->target & 0x80000000u) != 0) return false;
+  if (!FromRva(image, sections, sectionCount, resourceRva, area)) return false;
+  if (!FindSubdirectory(Entries(area, 0), kRtVersion, at) || !FindSubdirectory(Entries(area, at), kVsVersionInfo, at) ||
+      !PickLanguage(Entries(area, at), at)) {
+    return false;
+  }
 
   // The data entry: the resource's RVA and size.
-  const std::uint8_t* data = At(area, language->target, 16);
+  const std::uint8_t* data = At(area, at, 16);
   if (data == nullptr) return false;
   const std::uint32_t dataSize = U32(data + 4);
   std::string_view section;
-  if (dataSize == 0 || dataSize > kMaxResourceSize || !FromRva(image, sections, U32(data), section)) return false;
+  if (dataSize == 0 || !FromRva(image, sections, sectionCount, U32(data), section)) return false;
   if (dataSize > section.size()) return false;
   resource = section.substr(0, dataSize);
   return true;
@@ -188,11 +168,11 @@ namespace {
 constexpr std::uint32_t kErrorResourceDataNotFound = 1812;
 
 // The file's bytes and its version resource within them; false with the
-// Windows error code when there is none.
-bool LocateVersion(const WString& path, std::string& image, std::string_view& resource, std::uint32_t& error) {
-  if (!posix::ReadFileBytes(path, image, error)) return false;
-  if (posix::FindVersionResource(image, resource)) return true;
-  error = kErrorResourceDataNotFound;
+// last error set when there is none.
+bool LocateVersion(const WString& path, std::string& image, std::string_view& resource) {
+  std::uint32_t error = 0;
+  if (posix::ReadFileBytes(path, image, error) && posix::FindVersionResource(image, resource)) return true;
+  SetLastError(error != 0 ? error : kErrorResourceDataNotFound);
   return false;
 }
 
@@ -202,11 +182,7 @@ std::uint32_t GetFileVersionInfoSizeW(const WString& path) {
   QV_FAULT_POINT("GetFileVersionInfoSizeW", return 0, path);
   std::string image;
   std::string_view resource;
-  std::uint32_t error = 0;
-  if (!LocateVersion(path, image, resource, error)) {
-    SetLastError(error);
-    return 0;
-  }
+  if (!LocateVersion(path, image, resource)) return 0;
   // As Windows and Wine do: twice the resource and four bytes, room they
   // keep for converted texts.
   return static_cast<std::uint32_t>(resource.size()) * 2 + 4;
@@ -216,11 +192,7 @@ bool GetFileVersionInfoW(const WString& path, std::uint32_t size, std::vector<st
   QV_FAULT_POINT("GetFileVersionInfoW", return false, path);
   std::string image;
   std::string_view resource;
-  std::uint32_t error = 0;
-  if (!LocateVersion(path, image, resource, error)) {
-    SetLastError(error);
-    return false;
-  }
+  if (!LocateVersion(path, image, resource)) return false;
   if (size == 0) {
     SetLastError(kErrorInsufficientBuffer);
     return false;

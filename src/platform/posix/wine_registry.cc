@@ -13,30 +13,16 @@ namespace {
 constexpr std::string_view kSignature = "WINE REGISTRY Version 2";
 constexpr std::string_view kRelativeTo = ";; All keys relative to ";
 
-// The file's lines, one at a time, without their line ends (a CR before the
-// LF goes too).
-class Lines {
- public:
-  explicit Lines(std::string_view text) : rest_(text) {}
-  bool Next(std::string_view& line) {
-    if (rest_.empty()) return false;
-    const std::size_t end = rest_.find('\n');
-    line = rest_.substr(0, end);
-    rest_.remove_prefix(end == std::string_view::npos ? rest_.size() : end + 1);
-    if (line.ends_with('\r')) line.remove_suffix(1);
-    return true;
-  }
-  // The next line, left in place.
-  std::string_view Peek() const {
-    Lines copy = *this;
-    std::string_view line;
-    copy.Next(line);
-    return line;
-  }
-
- private:
-  std::string_view rest_;
-};
+// Takes the first line off `rest`, without its line end (a CR before the
+// LF goes too); false at the end.
+bool NextLine(std::string_view& rest, std::string_view& line) {
+  if (rest.empty()) return false;
+  const std::size_t end = rest.find('\n');
+  line = rest.substr(0, end);
+  rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
+  if (line.ends_with('\r')) line.remove_suffix(1);
+  return true;
+}
 
 bool IsSpace(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\v' || c == '\f'; }
 
@@ -83,15 +69,14 @@ bool DecodeString(std::string_view line, std::size_t& pos, char terminator, WStr
     }
     if (pos >= line.size()) return false;
     const char escape = line[pos++];
+    // The escapes of C's control characters, each letter before its character.
+    constexpr std::string_view kControls = "a\ab\be\x1b" "f\fn\nr\rt\tv\v";
+    const std::size_t control = kControls.find(escape);
+    if (control != std::string_view::npos && control % 2 == 0) {
+      out.push_back(static_cast<char16_t>(kControls[control + 1]));
+      continue;
+    }
     switch (escape) {
-      case 'a': out.push_back(u'\a'); break;
-      case 'b': out.push_back(u'\b'); break;
-      case 'e': out.push_back(u'\x1b'); break;
-      case 'f': out.push_back(u'\f'); break;
-      case 'n': out.push_back(u'\n'); break;
-      case 'r': out.push_back(u'\r'); break;
-      case 't': out.push_back(u'\t'); break;
-      case 'v': out.push_back(u'\v'); break;
       case 'x': {
         // Up to four hex digits make one code unit; "\x" alone is an "x".
         char16_t unit = 0;
@@ -125,8 +110,8 @@ bool DecodeString(std::string_view line, std::size_t& pos, char terminator, WStr
 
 // The key name of a header line ("[Name\\Path] time"): false for a line
 // that names no key, or a name with an empty component.
-bool ReadHeader(std::string_view line, std::size_t bracket, WString& name) {
-  std::size_t pos = bracket + 1;
+bool ReadHeader(std::string_view line, WString& name) {
+  std::size_t pos = 1;
   if (!DecodeString(line, pos, ']', name)) return false;
   if (name.empty()) return true;
   return name.front() != u'\\' && name.back() != u'\\' && name.find(u"\\\\") == WString::npos;
@@ -144,7 +129,7 @@ bool ParseHexNumber(std::string_view text, std::size_t& pos, std::uint32_t& valu
 
 // Comma-separated hex bytes from `pos`, going on to the next line after a
 // trailing backslash (but never into the next header).
-bool ParseHexData(std::string_view line, std::size_t pos, Lines& lines, std::vector<std::uint8_t>& data) {
+bool ParseHexData(std::string_view line, std::size_t pos, std::string_view& rest, std::vector<std::uint8_t>& data) {
   while (true) {
     while (pos < line.size() && HexDigit(line[pos]) >= 0) {
       // As strtoul reads it: every hex digit in a row, leading zeros allowed.
@@ -159,18 +144,18 @@ bool ParseHexData(std::string_view line, std::size_t pos, Lines& lines, std::vec
     }
     pos = SkipSpaces(line, pos);
     if (pos == line.size()) return true;
-    const std::string_view next = lines.Peek();
-    if (line[pos] != '\\' || next.substr(SkipSpaces(next, 0)).starts_with('[') || !lines.Next(line)) return false;
+    std::string_view after = rest;
+    if (line[pos] != '\\' || !NextLine(after, line)) return false;
     pos = SkipSpaces(line, 0);
+    if (line.substr(pos).starts_with('[')) return false;
+    rest = after;
   }
 }
 
 // A value line ("Name"=data, or @=data for the default value), with its
 // continuation lines; false for a line that holds no readable value.
-bool ParseValue(std::string_view line, Lines& lines, WineRegistryValue& value) {
+bool ParseValue(std::string_view line, std::string_view& rest, WineRegistryValue& value) {
   std::size_t pos = SkipSpaces(line, 0);
-  value.name.clear();
-  value.data.clear();
   if (pos < line.size() && line[pos] == '"') {
     ++pos;
     if (!DecodeString(line, pos, '"', value.name)) return false;
@@ -183,12 +168,12 @@ bool ParseValue(std::string_view line, Lines& lines, WineRegistryValue& value) {
   const std::string_view data = line.substr(pos);
   if (data.starts_with("hex:")) {
     value.type = 3;
-    return ParseHexData(line, pos + 4, lines, value.data);
+    return ParseHexData(line, pos + 4, rest, value.data);
   }
   if (data.starts_with("hex(")) {
     pos += 4;
     if (!ParseHexNumber(line, pos, value.type) || line.substr(pos, 2) != "):") return false;
-    return ParseHexData(line, pos + 2, lines, value.data);
+    return ParseHexData(line, pos + 2, rest, value.data);
   }
   if (data.starts_with("dword:")) {
     pos += 6;
@@ -220,16 +205,15 @@ bool ParseValue(std::string_view line, Lines& lines, WineRegistryValue& value) {
   return true;
 }
 
-// Calls `visit(line, lines)` for every line of a file with Wine's first line,
-// with the line's first non-blank character first.
+// Calls `visit(line, rest)` for every line of a file with Wine's first line,
+// with the line's first non-blank character first and the lines after it.
 template <typename Visit>
-void ForEachLine(std::string_view text, Visit visit) {
-  Lines lines(text);
+void ForEachLine(std::string_view rest, Visit visit) {
   std::string_view line;
-  if (!lines.Next(line) || line != kSignature) return;
-  while (lines.Next(line)) {
+  if (!NextLine(rest, line) || line != kSignature) return;
+  while (NextLine(rest, line)) {
     line.remove_prefix(SkipSpaces(line, 0));
-    if (!line.empty()) visit(line, lines);
+    if (!line.empty()) visit(line, rest);
   }
 }
 
@@ -239,21 +223,20 @@ WineRegistryKey ReadWineRegistryKey(std::string_view text, WStringView path) {
   WineRegistryKey key;
   key.exists = path.empty();  // the root, even of an empty file
   const WString wanted = Fold(path);
+  const WString prefix = wanted.empty() ? WString() : wanted + u'\\';  // of every key below it
   // Subkeys in order, each as its first header writes it.
   std::map<WString, WString> subkeys;
   WString section;       // the folded name of the header above, if it was read
   bool inSection = false;
   WString name;
-  ForEachLine(text, [&](std::string_view line, Lines& lines) {
+  ForEachLine(text, [&](std::string_view line, std::string_view& rest) {
     if (line.front() == '[') {
-      inSection = ReadHeader(line, 0, name);
+      inSection = ReadHeader(line, name);
       if (!inSection) return;
       section = Fold(name);
-      const bool below = wanted.empty() ? !section.empty()
-                                        : section.starts_with(wanted) && section.size() > wanted.size() &&
-                                              section[wanted.size()] == u'\\';
+      const bool below = section.size() > prefix.size() && section.starts_with(prefix);
       if (below) {
-        const std::size_t start = wanted.empty() ? 0 : wanted.size() + 1;
+        const std::size_t start = prefix.size();
         const std::size_t length = section.find(u'\\', start) - start;
         // Wine's server orders subkeys by their names in small letters: so
         // the folded name's A-Z go back to a-z, after "_" and the like.
@@ -266,14 +249,13 @@ WineRegistryKey ReadWineRegistryKey(std::string_view text, WStringView path) {
     }
     if (!inSection) return;
     // A link on the way: a key whose path begins the one asked for.
-    if (line.starts_with("#link") && !section.empty() &&
-        (section == wanted || wanted.starts_with(section + u'\\'))) {
+    if (line.starts_with("#link") && !section.empty() && prefix.starts_with(section + u'\\')) {
       const auto depth = static_cast<std::size_t>(std::count(section.begin(), section.end(), u'\\')) + 1;
       if (key.linkDepth == 0 || depth < key.linkDepth) key.linkDepth = depth;
     }
     if (section != wanted || (line.front() != '"' && line.front() != '@')) return;
     WineRegistryValue value;
-    if (!ParseValue(line, lines, value)) return;
+    if (!ParseValue(line, rest, value)) return;
     const WString folded = Fold(value.name);
     const auto same = std::find_if(key.values.begin(), key.values.end(),
                                    [&](const WineRegistryValue& v) { return Fold(v.name) == folded; });
@@ -292,21 +274,16 @@ bool UserRegSid(std::string_view text, WString& sid) {
   WString relativeTo;
   bool found = false;
   bool header = false;
-  ForEachLine(text, [&](std::string_view line, Lines&) {
+  ForEachLine(text, [&](std::string_view line, std::string_view&) {
     header = header || line.front() == '[';
     if (found || header || !line.starts_with(kRelativeTo)) return;
     std::size_t pos = kRelativeTo.size();
     found = DecodeString(line, pos, '\0', relativeTo);
   });
   const WString folded = Fold(relativeTo);
-  WStringView rest = relativeTo;
-  if (folded.starts_with(u"REGISTRY\\USER\\")) {
-    rest.remove_prefix(14);
-  } else if (folded.starts_with(u"\\USER\\")) {
-    rest.remove_prefix(6);
-  } else {
-    return false;
-  }
+  const std::size_t user = folded.starts_with(u"REGISTRY\\USER\\") ? 14 : folded.starts_with(u"\\USER\\") ? 6 : 0;
+  if (user == 0) return false;
+  WStringView rest = WStringView(relativeTo).substr(user);
   rest = rest.substr(0, rest.find(u'\\'));
   while (!rest.empty() && (rest.back() == u' ' || rest.back() == u'\t')) rest.remove_suffix(1);
   if (rest.empty()) return false;
