@@ -71,14 +71,10 @@ bool PrefixVariable(WStringView name, WString& value) {
   return false;
 }
 
-// A variable of the process environment (the name as written first, then
-// without regard to case), else of the prefix.
+// A variable of the process environment (the first of that name without
+// regard to case), else of the prefix.
 bool LookUpVariable(WStringView name, WString& value) {
-  if (name.empty() || name.find(u'=') != WStringView::npos) return false;
-  if (const char* text = std::getenv(WideToUtf8(name).c_str()); text != nullptr) {
-    value = Utf8ToWide(text);
-    return true;
-  }
+  if (name.empty()) return false;
   for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
     const std::string_view variable(*entry);
     const std::size_t equals = variable.find('=');

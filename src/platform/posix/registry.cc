@@ -69,13 +69,15 @@ bool AppendComponents(WStringView path, std::vector<WString>& parts, bool skipEm
   }
 }
 
-// Where a key handle points; null for a handle that is not an open key.
-const OpenKey* KeyOf(RegKey key, OpenKey& root) {
-  if (key == kHkeyLocalMachine || key == kHkeyCurrentUser) {
-    root.hive = key == kHkeyLocalMachine ? Hive::Machine : Hive::User;
-    return &root;
+// Where a key handle points; false for a handle that is not an open key.
+bool KeyOf(RegKey handle, OpenKey& key) {
+  if (handle == kHkeyLocalMachine || handle == kHkeyCurrentUser) {
+    key = {handle == kHkeyLocalMachine ? Hive::Machine : Hive::User, {}};
+    return true;
   }
-  return posix::LookUpHandle<OpenKey>(key, posix::HandleKind::RegistryKey);
+  const auto* open = posix::LookUpHandle<OpenKey>(handle, posix::HandleKind::RegistryKey);
+  if (open != nullptr) key = *open;
+  return open != nullptr;
 }
 
 posix::WineRegistryKey ReadKey(const OpenKey& key) {
@@ -116,10 +118,8 @@ bool LinkTarget(const std::vector<WString>& link, OpenKey& key) {
 std::int32_t RegOpenKeyExW(RegKey root, const WString& subKey, std::uint32_t options, std::uint32_t samDesired,
                            RegKey& result) {
   QV_FAULT_POINT_CODE("RegOpenKeyExW", subKey);
-  OpenKey predefined;
-  const OpenKey* base = KeyOf(root, predefined);
-  if (base == nullptr) return Fail(kErrorInvalidHandle);
-  OpenKey key = *base;
+  OpenKey key;
+  if (!KeyOf(root, key)) return Fail(kErrorInvalidHandle);
   if (!AppendComponents(subKey, key.path, false)) return Fail(kErrorFileNotFound);
   // The 32-bit view of the machine's Software lies in Software\Wow6432Node.
   std::vector<WString>& parts = key.path;
@@ -150,10 +150,9 @@ std::int32_t RegOpenKeyExW(RegKey root, const WString& subKey, std::uint32_t opt
 
 std::int32_t RegEnumKeyExW(RegKey key, std::uint32_t index, WString& name, std::uint32_t nameCapacity) {
   QV_FAULT_POINT_CODE("RegEnumKeyExW", DecimalText(index));
-  OpenKey predefined;
-  const OpenKey* open = KeyOf(key, predefined);
-  if (open == nullptr) return Fail(kErrorInvalidHandle);
-  const std::vector<WString> subkeys = ReadKey(*open).subkeys;
+  OpenKey open;
+  if (!KeyOf(key, open)) return Fail(kErrorInvalidHandle);
+  const std::vector<WString> subkeys = ReadKey(open).subkeys;
   if (index >= subkeys.size()) return Fail(kErrorNoMoreItems);
   if (subkeys[index].size() + 1 > nameCapacity) return Fail(kErrorMoreData);
   name = subkeys[index];
@@ -163,10 +162,9 @@ std::int32_t RegEnumKeyExW(RegKey key, std::uint32_t index, WString& name, std::
 std::int32_t RegQueryValueExW(RegKey key, const WString& valueName, std::uint32_t& type, std::uint8_t* data,
                               std::uint32_t& size) {
   QV_FAULT_POINT_CODE("RegQueryValueExW", valueName);
-  OpenKey predefined;
-  const OpenKey* open = KeyOf(key, predefined);
-  if (open == nullptr) return Fail(kErrorInvalidHandle);
-  for (const posix::WineRegistryValue& value : ReadKey(*open).values) {
+  OpenKey open;
+  if (!KeyOf(key, open)) return Fail(kErrorInvalidHandle);
+  for (const posix::WineRegistryValue& value : ReadKey(open).values) {
     if (!SameName(value.name, valueName)) continue;
     type = value.type;
     const auto needed = static_cast<std::uint32_t>(value.data.size());
@@ -181,8 +179,7 @@ std::int32_t RegQueryValueExW(RegKey key, const WString& valueName, std::uint32_
 std::int32_t RegCloseKey(RegKey key) {
   QV_FAULT_POINT_CODE("RegCloseKey", DecimalText(key));
   if (key == kHkeyLocalMachine || key == kHkeyCurrentUser) return 0;
-  if (!posix::ReleaseHandleOfKind(key, posix::HandleKind::RegistryKey)) return Fail(kErrorInvalidHandle);
-  return 0;
+  return posix::ReleaseHandleOfKind(key, posix::HandleKind::RegistryKey) ? 0 : Fail(kErrorInvalidHandle);
 }
 
 namespace posix {

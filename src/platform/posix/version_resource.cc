@@ -21,10 +21,7 @@ constexpr std::uint16_t kPe32PlusMagic = 0x20B;
 constexpr std::size_t kFixedFileInfoSize = 52;
 
 std::uint16_t U16(const std::uint8_t* p) { return static_cast<std::uint16_t>(p[0] | (p[1] << 8)); }
-std::uint32_t U32(const std::uint8_t* p) {
-  return static_cast<std::uint32_t>(p[0]) | (static_cast<std::uint32_t>(p[1]) << 8) |
-         (static_cast<std::uint32_t>(p[2]) << 16) | (static_cast<std::uint32_t>(p[3]) << 24);
-}
+std::uint32_t U32(const std::uint8_t* p) { return U16(p) | (std::uint32_t{U16(p + 2)} << 16); }
 
 // `size` bytes at `offset` of `bytes`, or null when they are not all there.
 const std::uint8_t* At(std::string_view bytes, std::uint64_t offset, std::size_t size) {
@@ -77,13 +74,10 @@ bool FindSubdirectory(std::string_view entries, std::uint32_t id, std::uint32_t&
 // the first listed. False when that entry is a subdirectory.
 bool PickLanguage(std::string_view entries, std::uint32_t& at) {
   if (entries.empty()) return false;
-  std::size_t pick = 0;
+  std::size_t pick = 0;  // the first listed, unless a wanted language is there
   for (std::uint32_t language : {0x0009u, 0x0409u, 0x0800u, 0x0400u, 0x0000u}) {  // the most wanted last
-    for (std::size_t i = 0; i < entries.size() / 8; ++i) {
-      if (EntryName(entries, i) == language) {
-        pick = i;
-        break;
-      }
+    for (std::size_t i = entries.size() / 8; i > 0; --i) {
+      if (EntryName(entries, i - 1) == language) pick = i - 1;  // backwards: the first of them wins
     }
   }
   at = EntryTarget(entries, pick);

@@ -32,10 +32,8 @@ std::size_t SkipSpaces(std::string_view text, std::size_t pos) {
 }
 
 int HexDigit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
+  const std::size_t digit = std::string_view("0123456789abcdef0123456789ABCDEF").find(c);
+  return digit == std::string_view::npos ? -1 : static_cast<int>(digit % 16);
 }
 
 WString Fold(WStringView name) {
@@ -74,35 +72,25 @@ bool DecodeString(std::string_view line, std::size_t& pos, char terminator, WStr
     const std::size_t control = kControls.find(escape);
     if (control != std::string_view::npos && control % 2 == 0) {
       out.push_back(static_cast<char16_t>(kControls[control + 1]));
-      continue;
-    }
-    switch (escape) {
-      case 'x': {
-        // Up to four hex digits make one code unit; "\x" alone is an "x".
-        char16_t unit = 0;
-        int digits = 0;
-        for (; digits < 4 && pos < line.size() && HexDigit(line[pos]) >= 0; ++digits, ++pos) {
-          unit = static_cast<char16_t>(unit * 16 + HexDigit(line[pos]));
-        }
-        out.push_back(digits == 0 ? u'x' : unit);
-        break;
+    } else if (escape == 'x') {
+      // Up to four hex digits make one code unit; "\x" alone is an "x".
+      char16_t unit = 0;
+      int digits = 0;
+      for (; digits < 4 && pos < line.size() && HexDigit(line[pos]) >= 0; ++digits, ++pos) {
+        unit = static_cast<char16_t>(unit * 16 + HexDigit(line[pos]));
       }
-      case '0': case '1': case '2': case '3': case '4': case '5': case '6': case '7': {
-        char16_t unit = static_cast<char16_t>(escape - '0');
-        for (int i = 0; i < 2 && pos < line.size() && line[pos] >= '0' && line[pos] <= '7'; ++i, ++pos) {
-          unit = static_cast<char16_t>(unit * 8 + (line[pos] - '0'));
-        }
-        out.push_back(unit);
-        break;
+      out.push_back(digits == 0 ? u'x' : unit);
+    } else if (escape >= '0' && escape <= '7') {
+      // Up to three octal digits make one code unit.
+      char16_t unit = static_cast<char16_t>(escape - '0');
+      for (int i = 1; i < 3 && pos < line.size() && line[pos] >= '0' && line[pos] <= '7'; ++i, ++pos) {
+        unit = static_cast<char16_t>(unit * 8 + (line[pos] - '0'));
       }
-      default:
-        // Any other escaped character stands for itself ("\\", "\"", "\]").
-        if (static_cast<unsigned char>(escape) >= 0x80) {
-          --pos;  // read as UTF-8 with what follows
-        } else {
-          out.push_back(static_cast<char16_t>(escape));
-        }
-        break;
+      out.push_back(unit);
+    } else if (static_cast<unsigned char>(escape) < 0x80) {
+      out.push_back(static_cast<char16_t>(escape));  // "\\", "\"", "\]": the character itself
+    } else {
+      --pos;  // a byte of UTF-8, read with what follows it
     }
   }
   return terminator == '\0';
@@ -272,13 +260,11 @@ WineRegistryKey ReadWineRegistryKey(std::string_view text, WStringView path) {
 
 bool UserRegSid(std::string_view text, WString& sid) {
   WString relativeTo;
-  bool found = false;
-  bool header = false;
+  bool header = false;  // the line comes before the keys
   ForEachLine(text, [&](std::string_view line, std::string_view&) {
     header = header || line.front() == '[';
-    if (found || header || !line.starts_with(kRelativeTo)) return;
     std::size_t pos = kRelativeTo.size();
-    found = DecodeString(line, pos, '\0', relativeTo);
+    if (!header && relativeTo.empty() && line.starts_with(kRelativeTo)) DecodeString(line, pos, '\0', relativeTo);
   });
   const WString folded = Fold(relativeTo);
   const std::size_t user = folded.starts_with(u"REGISTRY\\USER\\") ? 14 : folded.starts_with(u"\\USER\\") ? 6 : 0;
