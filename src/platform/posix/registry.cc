@@ -11,8 +11,8 @@
 // it looks the path up again in the file as it is then.
 #include <algorithm>
 #include <fstream>
-#include <iterator>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -40,7 +40,9 @@ constexpr std::uint32_t kOpenLink = 0x8;  // REG_OPTION_OPEN_LINK
 std::string ReadHive(Hive hive) {
   std::ifstream file(posix::PrefixDirectory() + (hive == Hive::Machine ? "/system.reg" : "/user.reg"),
                      std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+  std::ostringstream text;
+  text << file.rdbuf();
+  return text.str();
 }
 
 std::int32_t Fail(std::uint32_t error) {
