@@ -260,11 +260,11 @@ WineRegistryKey ReadWineRegistryKey(std::string_view text, WStringView path) {
 
 bool UserRegSid(std::string_view text, WString& sid) {
   WString relativeTo;
-  bool header = false;  // the line comes before the keys
+  bool keys = false;  // a header came: the line stands only before the keys
   ForEachLine(text, [&](std::string_view line, std::string_view&) {
-    header = header || line.front() == '[';
+    keys = keys || line.front() == '[';
     std::size_t pos = kRelativeTo.size();
-    if (!header && relativeTo.empty() && line.starts_with(kRelativeTo)) DecodeString(line, pos, '\0', relativeTo);
+    if (!keys && relativeTo.empty() && line.starts_with(kRelativeTo)) DecodeString(line, pos, '\0', relativeTo);
   });
   const WString folded = Fold(relativeTo);
   const std::size_t user = folded.starts_with(u"REGISTRY\\USER\\") ? 14 : folded.starts_with(u"\\USER\\") ? 6 : 0;
