@@ -9,9 +9,7 @@
 
 namespace qv::platform {
 
-namespace {
-thread_local std::uint32_t lastError = 0;
-}  // namespace
+static thread_local std::uint32_t lastError = 0;
 
 std::uint32_t GetLastError() { return lastError; }
 void SetLastError(std::uint32_t code) { lastError = code; }
