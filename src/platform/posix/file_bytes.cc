@@ -10,10 +10,8 @@
 
 namespace qv::platform::posix {
 
-bool ReadFileBytes(const WString& path, std::string& bytes, std::uint32_t& error) {
-  std::string host;
-  if (!ToHostPath(path, host, error)) return false;
-  const int fd = OpenForReading(host, error);
+bool ReadFileBytes(const std::string& hostPath, std::string& bytes, std::uint32_t& error) {
+  const int fd = OpenForReading(hostPath, error);
   if (fd < 0) return false;
   struct stat st {};
   error = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) ? 0 : kErrorAccessDenied;

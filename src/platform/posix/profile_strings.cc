@@ -5,6 +5,7 @@
 #include "platform/fault_injection.h"
 #include "platform/platform.h"
 #include "platform/posix/file_bytes.h"
+#include "platform/posix/host.h"
 #include "platform/profile_reader.h"
 
 namespace qv::platform {
@@ -13,9 +14,10 @@ std::uint32_t GetPrivateProfileStringW(const WString& section, const WString& ke
                                        WString& value, std::uint32_t size, const WString& path) {
   QV_FAULT_POINT("GetPrivateProfileStringW", return profile::UnreadableProfileDefault(defaultValue, value, size),
                  section, key, path);
+  std::string host;
   std::string bytes;
   std::uint32_t error = 0;
-  if (!posix::ReadFileBytes(path, bytes, error)) {
+  if (!posix::ToHostPath(path, host, error) || !posix::ReadFileBytes(host, bytes, error)) {
     SetLastError(error);
     // A missing file reads as an empty one; any other failure gives the
     // default as written, quotes and all.

@@ -10,14 +10,13 @@
 // the key's path after links and the 32-bit view were applied; each call on
 // it looks the path up again in the file as it is then.
 #include <algorithm>
-#include <fstream>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "platform/fault_injection.h"
 #include "platform/platform.h"
+#include "platform/posix/file_bytes.h"
 #include "platform/posix/handles.h"
 #include "platform/posix/host.h"
 #include "platform/posix/wine_registry.h"
@@ -38,11 +37,10 @@ constexpr std::uint32_t kRegLink = 6;
 constexpr std::uint32_t kOpenLink = 0x8;  // REG_OPTION_OPEN_LINK
 
 std::string ReadHive(Hive hive) {
-  std::ifstream file(posix::PrefixDirectory() + (hive == Hive::Machine ? "/system.reg" : "/user.reg"),
-                     std::ios::binary);
-  std::ostringstream text;
-  text << file.rdbuf();
-  return text.str();
+  const std::string path = posix::PrefixDirectory() + (hive == Hive::Machine ? "/system.reg" : "/user.reg");
+  std::string text;
+  std::uint32_t error = 0;
+  return posix::ReadFileBytes(path, text, error) ? text : std::string();
 }
 
 std::int32_t Fail(std::uint32_t error) {

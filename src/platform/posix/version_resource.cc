@@ -9,6 +9,7 @@
 
 #include "platform/fault_injection.h"
 #include "platform/posix/file_bytes.h"
+#include "platform/posix/host.h"
 
 namespace qv::platform {
 namespace posix {
@@ -164,9 +165,11 @@ constexpr std::uint32_t kErrorResourceDataNotFound = 1812;
 // The file's bytes and its version resource within them; false with the
 // last error set when there is none.
 bool LocateVersion(const WString& path, std::string& image, std::string_view& resource) {
+  std::string host;
   std::uint32_t error = 0;
-  if (posix::ReadFileBytes(path, image, error) && posix::FindVersionResource(image, resource)) return true;
-  SetLastError(error != 0 ? error : kErrorResourceDataNotFound);
+  const bool read = posix::ToHostPath(path, host, error) && posix::ReadFileBytes(host, image, error);
+  if (read && posix::FindVersionResource(image, resource)) return true;
+  SetLastError(read ? kErrorResourceDataNotFound : error);
   return false;
 }
 
