@@ -9,11 +9,15 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string_view image(reinterpret_cast<const char*>(data), size);
-  qv::platform::posix::ResourceSpan span;
+  std::string_view resource;
   qv::platform::FixedFileInfo info;
-  if (qv::platform::posix::FindVersionResource(qv::platform::posix::MemoryImage(image), span)) {
-    if (span.size == 0 || span.offset > size || span.size > size - span.offset) std::abort();
-    (void)qv::platform::posix::ParseFixedFileInfo(data + span.offset, span.size, info);
+  if (qv::platform::posix::FindVersionResource(image, resource)) {
+    if (resource.empty() || resource.data() < image.data() ||
+        resource.data() + resource.size() > image.data() + image.size()) {
+      std::abort();
+    }
+    (void)qv::platform::posix::ParseFixedFileInfo(reinterpret_cast<const std::uint8_t*>(resource.data()),
+                                                  resource.size(), info);
   }
   (void)qv::platform::posix::ParseFixedFileInfo(data, size, info);
   return 0;

@@ -7,17 +7,13 @@
 
 namespace qv::platform {
 
-void WriteStdout(const WString& text) {
-  std::string bytes = WideToUtf8(text);
-  std::fwrite(bytes.data(), 1, bytes.size(), stdout);
-}
+namespace {
+void Write(std::FILE* stream, const std::string& bytes) { std::fwrite(bytes.data(), 1, bytes.size(), stream); }
+}  // namespace
 
-void WriteStderr(const WString& text) {
-  std::string bytes = WideToUtf8(text);
-  std::fwrite(bytes.data(), 1, bytes.size(), stderr);
-}
-
-void WriteStderrNarrow(const std::string& text) { std::fwrite(text.data(), 1, text.size(), stderr); }
+void WriteStdout(const WString& text) { Write(stdout, WideToUtf8(text)); }
+void WriteStderr(const WString& text) { Write(stderr, WideToUtf8(text)); }
+void WriteStderrNarrow(const std::string& text) { Write(stderr, text); }
 
 std::vector<WString> CommandLineArguments(int argc, char** argv) {
   std::vector<WString> arguments;

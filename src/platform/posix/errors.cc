@@ -1,4 +1,5 @@
-// Last error, error texts and the Windows codes of errno values on the Linux host.
+// Last error, error texts and the Windows codes of errno values on the Linux
+// host, and the end of its process.
 #include <signal.h>
 #include <unistd.h>
 
@@ -9,9 +10,7 @@
 
 namespace qv::platform {
 
-namespace {
-thread_local std::uint32_t lastError = 0;
-}  // namespace
+static thread_local std::uint32_t lastError = 0;
 
 std::uint32_t GetLastError() { return lastError; }
 void SetLastError(std::uint32_t code) { lastError = code; }

@@ -8,7 +8,7 @@
 
 namespace qv::platform::posix {
 
-enum class HandleKind { File, Search, Snapshot, Process, Token, Mutex };
+enum class HandleKind { File, Search, Snapshot, Process, Token, Mutex, RegistryKey };
 
 // GetCurrentProcess's pseudo-handle: (HANDLE)-1, as on Windows. It is in no
 // table and needs no closing.

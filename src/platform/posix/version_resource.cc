@@ -1,17 +1,14 @@
 // The version functions of the seam on the Linux host: the resource is
-// found and read in the PE file, without loading the whole file.
+// found in the PE file's bytes.
 #include "platform/posix/version_resource.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <array>
-#include <cerrno>
+#include <algorithm>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "platform/fault_injection.h"
+#include "platform/posix/file_bytes.h"
 #include "platform/posix/host_paths.h"
 
 namespace qv::platform {
@@ -23,185 +20,118 @@ constexpr std::uint32_t kVsVersionInfo = 1;
 constexpr std::uint16_t kPe32Magic = 0x10B;
 constexpr std::uint16_t kPe32PlusMagic = 0x20B;
 constexpr std::size_t kFixedFileInfoSize = 52;
-// A VS_VERSIONINFO block counts its length in 16 bits; a resource far larger
-// than that is taken for damage rather than read into memory.
-constexpr std::uint32_t kMaxResourceSize = 1u << 20;
-// No section table of a real image comes near this; it bounds the reading.
-constexpr std::uint16_t kMaxSections = 96;
 
 std::uint16_t U16(const std::uint8_t* p) { return static_cast<std::uint16_t>(p[0] | (p[1] << 8)); }
-std::uint32_t U32(const std::uint8_t* p) {
-  return static_cast<std::uint32_t>(p[0]) | (static_cast<std::uint32_t>(p[1]) << 8) |
-         (static_cast<std::uint32_t>(p[2]) << 16) | (static_cast<std::uint32_t>(p[3]) << 24);
+std::uint32_t U32(const std::uint8_t* p) { return U16(p) | (std::uint32_t{U16(p + 2)} << 16); }
+
+// `size` bytes at `offset` of `bytes`, or null when they are not all there.
+const std::uint8_t* At(std::string_view bytes, std::uint64_t offset, std::size_t size) {
+  if (offset > bytes.size() || size > bytes.size() - offset) return nullptr;
+  return reinterpret_cast<const std::uint8_t*>(bytes.data()) + offset;
 }
 
-struct Section {
-  std::uint32_t virtualAddress = 0;
-  std::uint32_t rawSize = 0;
-  std::uint32_t rawOffset = 0;
-};
-
-// File offset of an RVA through the section that holds it in its file data,
-// and how many bytes of that section follow it.
-bool RvaToOffset(const std::vector<Section>& sections, std::uint32_t rva, std::uint64_t& offset,
-                 std::uint32_t& available) {
-  for (const Section& s : sections) {
-    if (rva >= s.virtualAddress && rva - s.virtualAddress < s.rawSize) {
-      offset = static_cast<std::uint64_t>(s.rawOffset) + (rva - s.virtualAddress);
-      available = s.rawSize - (rva - s.virtualAddress);
+// The file's bytes from an RVA to the end of the section that holds it in
+// its file data; false when no section of the table (40 bytes a section)
+// does.
+bool FromRva(std::string_view image, const std::uint8_t* sections, std::size_t count, std::uint32_t rva,
+             std::string_view& out) {
+  for (const std::uint8_t* s = sections; s < sections + count * 40; s += 40) {
+    const std::uint32_t virtualAddress = U32(s + 12), rawSize = U32(s + 16), rawOffset = U32(s + 20);
+    if (rva >= virtualAddress && rva - virtualAddress < rawSize) {
+      const std::uint64_t offset = std::uint64_t{rawOffset} + (rva - virtualAddress);
+      if (offset > image.size()) return false;
+      out = image.substr(offset, rawSize - (rva - virtualAddress));
       return true;
     }
   }
   return false;
 }
 
-// The resource section as the tree sees it: its file offset and length.
-struct ResourceArea {
-  const ImageSource* image = nullptr;
-  std::uint64_t base = 0;
-  std::uint32_t size = 0;
-};
-
-bool ReadArea(const ResourceArea& area, std::uint32_t at, void* out, std::size_t size) {
-  if (at > area.size || size > area.size - at) return false;
-  return ReadImage(*area.image, area.base + at, out, size);
+// The entries of the resource directory at `at`, 8 bytes each: the name or
+// id (high bit: a name) and the target (high bit: a subdirectory).
+std::string_view Entries(std::string_view area, std::uint32_t at) {
+  const std::uint8_t* header = At(area, at, 16);
+  if (header == nullptr) return {};
+  const std::size_t size = (std::size_t{U16(header + 12)} + U16(header + 14)) * 8;
+  return At(area, std::uint64_t{at} + 16, size) == nullptr ? std::string_view() : area.substr(at + 16, size);
 }
 
-struct DirectoryEntry {
-  std::uint32_t name = 0;    // high bit: a named entry
-  std::uint32_t target = 0;  // high bit: a subdirectory
-};
-
-// The entries of the directory at `at` within the resource area.
-bool ReadDirectory(const ResourceArea& area, std::uint32_t at, std::vector<DirectoryEntry>& entries) {
-  std::uint8_t header[16];
-  if (!ReadArea(area, at, header, sizeof header)) return false;
-  std::uint32_t count = static_cast<std::uint32_t>(U16(header + 12)) + U16(header + 14);
-  std::vector<std::uint8_t> raw(static_cast<std::size_t>(count) * 8);
-  if (!ReadArea(area, at + 16, raw.data(), raw.size())) return false;
-  entries.resize(count);
-  for (std::uint32_t i = 0; i < count; ++i) {
-    entries[i].name = U32(&raw[i * 8]);
-    entries[i].target = U32(&raw[i * 8 + 4]);
-  }
-  return true;
-}
+std::uint32_t EntryName(std::string_view entries, std::size_t i) { return U32(At(entries, i * 8, 4)); }
+std::uint32_t EntryTarget(std::string_view entries, std::size_t i) { return U32(At(entries, i * 8 + 4, 4)); }
 
 // The subdirectory that the entry with this numeric id leads to.
-bool FindSubdirectory(const std::vector<DirectoryEntry>& entries, std::uint32_t id, std::uint32_t& at) {
-  for (const DirectoryEntry& e : entries) {
-    if ((e.name & 0x80000000u) == 0 && e.name == id) {
-      if ((e.target & 0x80000000u) == 0) return false;
-      at = e.target & 0x7FFFFFFFu;
-      return true;
+bool FindSubdirectory(std::string_view entries, std::uint32_t id, std::uint32_t& at) {
+  for (std::size_t i = 0; i < entries.size() / 8; ++i) {
+    if (EntryName(entries, i) == id) {
+      at = EntryTarget(entries, i) & 0x7FFFFFFFu;
+      return (EntryTarget(entries, i) & 0x80000000u) != 0;
     }
   }
   return false;
 }
 
-// The language entry that FindResourceW takes for a neutral request under an
-// English locale: neutral forms first, then English, else the first listed.
-const DirectoryEntry* PickLanguage(const std::vector<DirectoryEntry>& entries) {
-  static constexpr std::array<std::uint32_t, 5> kPreferred = {0x0000, 0x0400, 0x0800, 0x0409, 0x0009};
-  for (std::uint32_t language : kPreferred) {
-    for (const DirectoryEntry& e : entries) {
-      if (e.name == language) return &e;
+// The data entry of the language that FindResourceW takes for a neutral
+// request under an English locale: neutral forms first, then English, else
+// the first listed. False when that entry is a subdirectory.
+bool PickLanguage(std::string_view entries, std::uint32_t& at) {
+  if (entries.empty()) return false;
+  std::size_t pick = 0;  // the first listed, unless a wanted language is there
+  for (std::uint32_t language : {0x0009u, 0x0409u, 0x0800u, 0x0400u, 0x0000u}) {  // the most wanted last
+    for (std::size_t i = entries.size() / 8; i > 0; --i) {
+      if (EntryName(entries, i - 1) == language) pick = i - 1;  // backwards: the first of them wins
     }
   }
-  return entries.empty() ? nullptr : &entries.front();
+  at = EntryTarget(entries, pick);
+  return (at & 0x80000000u) == 0;
 }
 
 }  // namespace
 
-ImageSource MemoryImage(std::string_view bytes) {
-  ImageSource image;
-  image.bytes = bytes;
-  image.size = bytes.size();
-  return image;
-}
-
-bool ReadImage(const ImageSource& image, std::uint64_t offset, void* out, std::size_t size) {
-  if (offset > image.size || size > image.size - offset) return false;
-  if (image.fd < 0) {
-    if (size > 0) std::memcpy(out, image.bytes.data() + offset, size);
-    return true;
-  }
-  auto* dest = static_cast<std::uint8_t*>(out);
-  while (size > 0) {
-    ssize_t n = ::pread(image.fd, dest, size, static_cast<off_t>(offset));
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;  // the file shrank, or cannot be read
-    dest += n;
-    offset += static_cast<std::uint64_t>(n);
-    size -= static_cast<std::size_t>(n);
-  }
-  return true;
-}
-
-bool FindVersionResource(const ImageSource& image, ResourceSpan& span) {
-  std::uint8_t dos[64];
-  if (!ReadImage(image, 0, dos, sizeof dos) || dos[0] != 'M' || dos[1] != 'Z') return false;
+bool FindVersionResource(std::string_view image, std::string_view& resource) {
+  const std::uint8_t* dos = At(image, 0, 64);
+  if (dos == nullptr || dos[0] != 'M' || dos[1] != 'Z') return false;
   const std::uint64_t peOffset = U32(dos + 0x3C);
 
   // Signature and COFF header.
-  std::uint8_t coff[24];
-  if (!ReadImage(image, peOffset, coff, sizeof coff) || std::memcmp(coff, "PE\0\0", 4) != 0) return false;
+  const std::uint8_t* coff = At(image, peOffset, 24);
+  if (coff == nullptr || std::memcmp(coff, "PE\0\0", 4) != 0) return false;
   const std::uint16_t sectionCount = U16(coff + 6);
   const std::uint16_t optionalSize = U16(coff + 20);
-  if (sectionCount == 0 || sectionCount > kMaxSections) return false;
+  if (sectionCount == 0) return false;
 
   // Optional header: the resource entry of the data directory.
-  std::vector<std::uint8_t> optional(optionalSize);
-  if (optionalSize < 2 || !ReadImage(image, peOffset + 24, optional.data(), optional.size())) return false;
-  const std::uint16_t magic = U16(optional.data());
-  std::size_t countAt = 0;
-  if (magic == kPe32Magic) {
-    countAt = 92;
-  } else if (magic == kPe32PlusMagic) {
-    countAt = 108;
-  } else {
-    return false;
-  }
+  const std::uint8_t* optional = At(image, peOffset + 24, optionalSize);
+  if (optional == nullptr || optionalSize < 2) return false;
+  const std::uint16_t magic = U16(optional);
+  // Where the count of data directory entries stands.
+  const std::size_t countAt = magic == kPe32Magic ? 92 : magic == kPe32PlusMagic ? 108 : 0;
+  if (countAt == 0) return false;
   const std::size_t resourceEntryAt = countAt + 4 + 2 * 8;
-  if (optional.size() < resourceEntryAt + 8 || U32(&optional[countAt]) <= 2) return false;
-  const std::uint32_t resourceRva = U32(&optional[resourceEntryAt]);
-  if (resourceRva == 0 || U32(&optional[resourceEntryAt + 4]) == 0) return false;
+  if (optionalSize < resourceEntryAt + 8 || U32(optional + countAt) <= 2) return false;
+  const std::uint32_t resourceRva = U32(optional + resourceEntryAt);
+  if (resourceRva == 0 || U32(optional + resourceEntryAt + 4) == 0) return false;
 
   // Section table.
-  std::vector<std::uint8_t> table(static_cast<std::size_t>(sectionCount) * 40);
-  if (!ReadImage(image, peOffset + 24 + optionalSize, table.data(), table.size())) return false;
-  std::vector<Section> sections(sectionCount);
-  for (std::size_t i = 0; i < sectionCount; ++i) {
-    const std::uint8_t* s = &table[i * 40];
-    sections[i].virtualAddress = U32(s + 12);
-    sections[i].rawSize = U32(s + 16);
-    sections[i].rawOffset = U32(s + 20);
-  }
-
-  ResourceArea area;
-  area.image = &image;
-  if (!RvaToOffset(sections, resourceRva, area.base, area.size)) return false;
+  const std::uint8_t* sections = At(image, peOffset + 24 + optionalSize, std::size_t{sectionCount} * 40);
+  if (sections == nullptr) return false;
 
   // Type, name, language: three levels, never more.
-  std::vector<DirectoryEntry> entries;
+  std::string_view area;
   std::uint32_t at = 0;
-  if (!ReadDirectory(area, 0, entries) || !FindSubdirectory(entries, kRtVersion, at)) return false;
-  if (!ReadDirectory(area, at, entries) || !FindSubdirectory(entries, kVsVersionInfo, at)) return false;
-  if (!ReadDirectory(area, at, entries)) return false;
-  const DirectoryEntry* language = PickLanguage(entries);
-  if (language == nullptr || (language->target & 0x80000000u) != 0) return false;
+  if (!FromRva(image, sections, sectionCount, resourceRva, area)) return false;
+  if (!FindSubdirectory(Entries(area, 0), kRtVersion, at) || !FindSubdirectory(Entries(area, at), kVsVersionInfo, at) ||
+      !PickLanguage(Entries(area, at), at)) {
+    return false;
+  }
 
   // The data entry: the resource's RVA and size.
-  std::uint8_t data[16];
-  if (!ReadArea(area, language->target, data, sizeof data)) return false;
-  const std::uint32_t dataRva = U32(data);
+  const std::uint8_t* data = At(area, at, 16);
+  if (data == nullptr) return false;
   const std::uint32_t dataSize = U32(data + 4);
-  std::uint64_t dataOffset = 0;
-  std::uint32_t available = 0;
-  if (dataSize == 0 || dataSize > kMaxResourceSize || !RvaToOffset(sections, dataRva, dataOffset, available) || dataSize > available) return false;
-  if (dataOffset > image.size || dataSize > image.size - dataOffset) return false;
-  span.offset = dataOffset;
-  span.size = dataSize;
+  std::string_view section;
+  if (dataSize == 0 || !FromRva(image, sections, sectionCount, U32(data), section)) return false;
+  if (dataSize > section.size()) return false;
+  resource = section.substr(0, dataSize);
   return true;
 }
 
@@ -232,61 +162,34 @@ namespace {
 // resource, whether it is an executable or not.
 constexpr std::uint32_t kErrorResourceDataNotFound = 1812;
 
-// The buffer size the call asks for: as Windows and Wine do, twice the
-// resource and four bytes, room they keep for converted texts.
-std::uint32_t BufferSizeFor(std::uint32_t resourceSize) { return resourceSize * 2 + 4; }
-
-struct OpenImage {
-  posix::ImageSource image;
-  ~OpenImage() {
-    if (image.fd >= 0) ::close(image.fd);
-  }
-};
-
-// Opens the file and finds its version resource; false with the Windows
-// error code when there is none.
-bool LocateVersion(const WString& path, OpenImage& file, posix::ResourceSpan& span, std::uint32_t& error) {
+// The file's bytes and its version resource within them; false with the
+// last error set when there is none.
+bool LocateVersion(const WString& path, std::string& image, std::string_view& resource) {
   std::string host;
-  if (!posix::ToHostPath(path, host, error)) return false;
-  const int fd = posix::OpenForReading(host, error);
-  if (fd < 0) return false;
-  file.image.fd = fd;
-  struct stat st;
-  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-    error = kErrorAccessDenied;
-    return false;
-  }
-  file.image.size = static_cast<std::uint64_t>(st.st_size);
-  if (!posix::FindVersionResource(file.image, span)) {
-    error = kErrorResourceDataNotFound;
-    return false;
-  }
-  return true;
+  std::uint32_t error = 0;
+  const bool read = posix::ToHostPath(path, host, error) && posix::ReadFileBytes(host, image, error);
+  if (read && posix::FindVersionResource(image, resource)) return true;
+  SetLastError(read ? kErrorResourceDataNotFound : error);
+  return false;
 }
 
 }  // namespace
 
 std::uint32_t GetFileVersionInfoSizeW(const WString& path) {
   QV_FAULT_POINT("GetFileVersionInfoSizeW", return 0, path);
-  OpenImage file;
-  posix::ResourceSpan span;
-  std::uint32_t error = 0;
-  if (!LocateVersion(path, file, span, error)) {
-    SetLastError(error);
-    return 0;
-  }
-  return BufferSizeFor(span.size);
+  std::string image;
+  std::string_view resource;
+  if (!LocateVersion(path, image, resource)) return 0;
+  // As Windows and Wine do: twice the resource and four bytes, room they
+  // keep for converted texts.
+  return static_cast<std::uint32_t>(resource.size()) * 2 + 4;
 }
 
 bool GetFileVersionInfoW(const WString& path, std::uint32_t size, std::vector<std::uint8_t>& data) {
   QV_FAULT_POINT("GetFileVersionInfoW", return false, path);
-  OpenImage file;
-  posix::ResourceSpan span;
-  std::uint32_t error = 0;
-  if (!LocateVersion(path, file, span, error)) {
-    SetLastError(error);
-    return false;
-  }
+  std::string image;
+  std::string_view resource;
+  if (!LocateVersion(path, image, resource)) return false;
   if (size == 0) {
     SetLastError(kErrorInsufficientBuffer);
     return false;
@@ -294,11 +197,7 @@ bool GetFileVersionInfoW(const WString& path, std::uint32_t size, std::vector<st
   // As the Win32 call: the buffer holds `size` bytes, the resource as far as
   // it fits, zeros behind it.
   data.assign(size, 0);
-  std::uint32_t copied = span.size < size ? span.size : size;
-  if (!posix::ReadImage(file.image, span.offset, data.data(), copied)) {
-    SetLastError(kErrorReadFault);
-    return false;
-  }
+  std::copy_n(resource.begin(), std::min<std::size_t>(resource.size(), size), data.begin());
   return true;
 }
 

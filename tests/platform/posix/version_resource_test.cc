@@ -35,10 +35,11 @@ TEST_F(VersionResource, VersionsOfBuiltProgramsAndOfFilesWithout) {
 #endif
   const std::string built = QUORVANE_TEST_PE_DIR;
   const std::string program = test::ReadFile(built + "/program_1_2_3_4.exe");
-  posix::ResourceSpan span;
-  ASSERT_TRUE(posix::FindVersionResource(posix::MemoryImage(program), span));
+  std::string_view resource;
+  ASSERT_TRUE(posix::FindVersionResource(program, resource));
   // A copy cut just before the end of the resource's data has none.
-  test::WriteFile(Host("cut.exe"), program.substr(0, span.offset + span.size - 1));
+  const std::size_t end = static_cast<std::size_t>(resource.data() + resource.size() - program.data());
+  test::WriteFile(Host("cut.exe"), program.substr(0, end - 1));
   test::MakeDirs(Host("folder"));
   WString windowsBuilt;
   ASSERT_TRUE(posix::ToWindowsPath(built, windowsBuilt));
@@ -53,7 +54,7 @@ TEST_F(VersionResource, VersionsOfBuiltProgramsAndOfFilesWithout) {
   };
   for (const auto& [path, version] : rows) EXPECT_EQ(VersionOf(path), version) << WideToUtf8(path);
   // Wine asks for twice the resource and four bytes.
-  EXPECT_EQ(GetFileVersionInfoSizeW(windowsBuilt + u"\\program_1_2_3_4.exe"), span.size * 2 + 4);
+  EXPECT_EQ(GetFileVersionInfoSizeW(windowsBuilt + u"\\program_1_2_3_4.exe"), resource.size() * 2 + 4);
 }
 
 }  // namespace
