@@ -109,26 +109,5 @@ TEST_F(InventoryTest, WriterReplacesTheFileWholeAndLaterReadsSeeIt) {
   EXPECT_THROW(SaveInventory(Win("blocked"), {}), FilesystemFailure);
 }
 
-#if defined(QUORVANE_FAULT_INJECTION)
-
-TEST(InventoryWriterFaults, AFailedWriteFlushOrRenameLeavesTheOldFileAndNoTemporaryFile) {
-  FreshProcessDeathTests fresh;
-  for (const char* faults : {"MoveFileExW@1=5", "WriteFile@1=112", "FlushFileBuffers@1=29"}) {
-    EXPECT_EXIT(RunWithFaults(faults,
-                              [](const FixturePrefix& prefix) {
-                                const std::string file = prefix.C("local/Quorvane/Installation.ini");
-                                const std::string old = InventoryBytes({{"C:\\F\\Fusion360.exe", "C:\\P"}});
-                                WriteFile(file, old);
-                                if (SaveInventory(WinPath("local"), {{u"C:\\G\\Fusion360.exe", u"C:\\Q"}})) return 1;
-                                if (ReadFile(file) != old) return 2;
-                                return Exists(file + "." + std::to_string(::getpid()) + ".tmp") ? 3 : 0;
-                              }),
-                ::testing::ExitedWithCode(0), "")
-        << faults;
-  }
-}
-
-#endif
-
 }  // namespace
 }  // namespace qv::test

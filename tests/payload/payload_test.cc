@@ -4,7 +4,6 @@
 
 #include <filesystem>
 
-#include "paths/failure.h"
 #include "support/scene.h"
 
 namespace qv::test {
@@ -131,51 +130,6 @@ TEST_F(PayloadTest, UninstallTakesEachProfileThatHoldsTheManifestOnce) {
   EXPECT_TRUE(list.empty());
   EXPECT_EQ(error, u"untouched");
 }
-
-#if defined(QUORVANE_FAULT_INJECTION)
-
-// Each row runs in a fresh process whose platform calls fail as it says; 0
-// when the outcome is right.
-TEST(PayloadFaults, FailuresOfTheCopyAndOfTheStateFile) {
-  FreshProcessDeathTests fresh;
-  const std::pair<const char*, int (*)(const FixturePrefix&)> rows[] = {
-      // A failed copy gives its code as a signed number; what came before stays.
-      {"CopyFileW@2=0x80070005",
-       [](const FixturePrefix& prefix) {
-         WriteFile(prefix.C("src/a.txt"), "a");
-         WriteFile(prefix.C("src/b.txt"), "b");
-         WString error;
-         if (CopyAddInPayload(WinPath("src"), WinPath("dst"), error)) return 1;
-         return error == u"Cannot copy Add-In payload. Error -2147024891" && SnapshotTree(prefix.C("dst")).size() == 2 ? 0 : 2;
-       }},
-      // An entry whose status cannot be had (the third query) is raised.
-      {"GetFileAttributesExW@3=5",
-       [](const FixturePrefix& prefix) {
-         WriteFile(prefix.C("src/a.txt"), "a");
-         WString error;
-         try {
-           CopyAddInPayload(WinPath("src"), WinPath("dst"), error);
-         } catch (const FilesystemFailure& failure) {
-           return failure.what() == std::string("directory_entry::status: Access denied.: \"C:\\src\\a.txt\"") ? 0 : 1;
-         }
-         return 2;
-       }},
-      // A state file that cannot be written fails without words, after the
-      // payload and the helper are in place.
-      {"WriteFile@1=112",
-       [](const FixturePrefix& prefix) {
-         MakePackage(prefix.C("pkg"));
-         WString error;
-         const bool ok = PrepareAddIn(WinPath("pkg"), WinPath("prepared"), error);
-         return !ok && error.empty() && IsAddInHealthy(WinPath("prepared")) ? 0 : 1;
-       }},
-  };
-  for (const auto& [faults, body] : rows) {
-    EXPECT_EXIT(RunWithFaults(faults, body), ::testing::ExitedWithCode(0), "") << faults;
-  }
-}
-
-#endif
 
 }  // namespace
 }  // namespace qv::test

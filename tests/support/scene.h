@@ -193,6 +193,7 @@ struct Before {
   std::vector<TreeSnapshot> addIns;
   std::vector<std::vector<std::string>> transactions;  // directories below Backups(i)
   std::string inventory;
+  TreeSnapshot inventoryFolder;  // the inventory's folder, where its writer puts its temporary file
 };
 
 // The tree at `root` is `expected`; `what` names it in the failure.
@@ -206,8 +207,8 @@ void ExpectCompleted(const ProfileScene& s, const Before& before, const RunResul
 
 // Exit code 6, nothing on standard output; on standard error the failure, a
 // recovery line for each of the first `passed` profiles from the last to the
-// first, and `closing`. When restored, every add-in and the inventory are as
-// they were and no backup is left. Gives the transaction id.
+// first, and `closing`. When restored, every add-in and the inventory's
+// folder are as they were and no backup is left. Gives the transaction id.
 std::string ExpectRolledBack(const ProfileScene& s, const Before& before, const RunResult& r, std::size_t passed,
                              const std::string& closing = "Installed profiles restored.");
 
