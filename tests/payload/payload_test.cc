@@ -1,5 +1,7 @@
 // Building and judging add-ins on a fixture prefix: the payload copy, the
-// preparation from a package, the health test and the uninstall targets.
+// health test and the uninstall targets. The preparation from a package is
+// judged on whole runs (ExpectCompleted), over a scene whose package and
+// add-ins hold what it must leave alone or write over.
 #include "payload/payload.h"
 
 #include <filesystem>
@@ -70,31 +72,6 @@ TEST_F(PayloadTest, CopyLaysTheTreeOverTheTargetAndFollowsLinksWithoutEnteringTh
     EXPECT_EQ(error, row.error);
   }
   EXPECT_EQ(SnapshotTree(Host("")), drive);
-}
-
-TEST_F(PayloadTest, PreparationLaysThePackageHelperAndStateFileOverThePreparedFolder) {
-  MakePackage(Host("pkg"));
-  WriteFile(Host("pkg/Bin/Other.dll"), "not taken");
-  MakeInstalledAddIn(Host("prepared"), "old");
-  WriteFile(Host("prepared/install-state.ini"), std::string(200, 'x'));
-  WriteFile(Host("prepared/old_only.py"), "carried over");
-  const TreeSnapshot old = SnapshotTree(Host("prepared"));
-  WString error = u"untouched";
-  ASSERT_TRUE(PrepareAddIn(Win("pkg"), Win("prepared"), error));
-  EXPECT_EQ(error, u"untouched");
-  EXPECT_EQ(SnapshotTree(Host("prepared")), UpdatedAddIn(old));
-
-  // What cannot be written in the prepared folder (the package's own parts
-  // are for the plan and the copy to judge). A file named Bin: its creation
-  // is not reported, the copy into it is.
-  WriteFile(Host("t3/Bin"), "file");
-  EXPECT_FALSE(PrepareAddIn(Win("pkg"), Win("t3"), error));
-  EXPECT_EQ(error, u"Cannot install helper. Error 3");
-  // A state file that cannot be opened fails without words.
-  MakeDirs(Host("t4/install-state.ini"));
-  error = u"untouched";
-  EXPECT_FALSE(PrepareAddIn(Win("pkg"), Win("t4"), error));
-  EXPECT_EQ(error, u"untouched");
 }
 
 TEST_F(PayloadTest, UninstallTakesEachProfileThatHoldsTheManifestOnce) {

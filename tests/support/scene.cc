@@ -203,6 +203,8 @@ RunResult RunUnderWine(const std::string& prefix, const std::vector<std::string>
 ProfileScene::ProfileScene(const ToolUnderTest& tool, std::size_t profileCount, const std::vector<bool>& withAddIn)
     : machine(tool), roaming(machine.C("R")), local(machine.C("L")), package(machine.C("Pkg")) {
   MakePackage(package);
+  // A file beside the helper that no add-in takes.
+  WriteFile(package + "/Bin/Other.dll", "not taken");
   // The default profile's installation, which the webdeploy scan finds; the
   // others lie outside the scanned folder and are known from the saved
   // inventory, which names their profiles. The third is also laid out as a
@@ -224,8 +226,10 @@ ProfileScene::ProfileScene(const ToolUnderTest& tool, std::size_t profileCount, 
     MakeDirs(AddIns(i));
     if (i < withAddIn.size() && !withAddIn[i]) continue;
     MakeInstalledAddIn(AddIn(i), "old" + std::to_string(i));
-    // A file of the user's that no package holds: it must survive updates.
+    // A file of the user's that no package holds: it must survive updates;
+    // and a state file longer than the one a run writes over it.
     WriteFile(AddIn(i) + "/user-settings.json", "{\"profile\": " + std::to_string(i) + "}");
+    WriteFile(AddIn(i) + "/install-state.ini", std::string(200, 'x'));
   }
 }
 
