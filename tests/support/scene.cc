@@ -180,7 +180,7 @@ Background Machine::Start(const std::string& program, const std::vector<std::str
 RunResult Machine::Run(const std::vector<std::string>& args, EnvChanges env, int timeoutMs) const {
   if (tool.native()) {
     for (const auto& [name, value] : prefix.Env()) env.emplace(name, value);
-    return test::Run(tool.binary, args, env, "", timeoutMs);
+    return test::Run(tool.binary, args, env, timeoutMs);
   }
   if (env.count("QUORVANE_FAULTS_LOG") != 0) env["QUORVANE_FAULTS_LOG"] = Win(env["QUORVANE_FAULTS_LOG"]);
   std::vector<std::string> command{tool.binary};
@@ -192,7 +192,7 @@ RunResult RunUnderWine(const std::string& prefix, const std::vector<std::string>
                        int timeoutMs) {
   env["WINEPREFIX"] = prefix;
   env["WINEDEBUG"] = "-all";
-  RunResult r = test::Run("/usr/lib/wine/wine64", command, env, "", timeoutMs);
+  RunResult r = test::Run("/usr/lib/wine/wine64", command, env, timeoutMs);
   // Wine's console ends lines with CR LF.
   for (std::string* text : {&r.out, &r.err}) {
     for (std::size_t at; (at = text->find("\r\n")) != std::string::npos;) text->erase(at, 1);
