@@ -1,5 +1,7 @@
 // The saved inventory on a fixture prefix: what the reader makes of
-// malformed files, and that the writer replaces the file whole or not at all.
+// malformed files, and that the writer replaces the file whole. That a failed
+// write, flush or rename leaves the old file and no temporary one is shown by
+// the end-to-end sweeps, which fail each of these calls in a whole run.
 #include "inventory/inventory.h"
 
 #include <unistd.h>
