@@ -32,6 +32,17 @@ constexpr int kProfiles = 4;
 constexpr int kRounds = 3;
 const std::string kAddInBelowProfile = "Autodesk/Autodesk Fusion 360/API/AddIns/KELDARO_Quorvane";
 
+// `files` more files of `bytes` bytes in all below `folder`, in folders of
+// 100 as a real add-in's resources lie, each tagged with `tag`: an add-in or a
+// package of real size.
+void AddBulkFiles(const std::string& folder, int files, long long bytes, const std::string& tag) {
+  const std::size_t each = files > 0 ? static_cast<std::size_t>(bytes / files) : 0;
+  for (int i = 0; i < files; ++i) {
+    t::WriteFile(folder + "/lib/part" + std::to_string(i / 100) + "/file" + std::to_string(i) + ".dat",
+                 std::string(each, static_cast<char>('a' + i % 26)) + tag);
+  }
+}
+
 std::string Backslashes(std::string path) {
   std::replace(path.begin(), path.end(), '/', '\\');
   return path;
@@ -90,13 +101,13 @@ int main(int argc, char** argv) {
   auto win = [&](const std::string& relative) { return winRoot + "\\" + Backslashes(relative); };
   const int bulk = files - 7;
   t::MakePackage(sandbox / "package", "new");
-  t::AddBulkFiles(sandbox / "package/AddIn", bulk, bytes, "new");
+  AddBulkFiles(sandbox / "package/AddIn", bulk, bytes, "new");
   std::vector<std::pair<std::string, std::string>> records;
   for (int i = 0; i < kProfiles; ++i) {
     const std::string n = std::to_string(i);
     t::MakeFusionInstallation(sandbox / ("fusion" + n));
     t::MakeInstalledAddIn(sandbox / ("profile" + n + "/" + kAddInBelowProfile), "old");
-    t::AddBulkFiles(sandbox / ("profile" + n + "/" + kAddInBelowProfile), bulk, bytes, "old");
+    AddBulkFiles(sandbox / ("profile" + n + "/" + kAddInBelowProfile), bulk, bytes, "old");
     records.emplace_back(win("fusion" + n + "/Fusion360.exe"), win("profile" + n));
   }
   t::WriteFile(sandbox / "local/Quorvane/Installation.ini", t::InventoryBytes(records));

@@ -1,10 +1,11 @@
 // Building and judging add-ins on a fixture prefix: the payload copy, the
-// preparation from a package, the health test and the uninstall targets.
+// health test and the uninstall targets. The preparation from a package is
+// judged on whole runs (ExpectCompleted), over a scene whose package and
+// add-ins hold what it must leave alone or write over.
 #include "payload/payload.h"
 
 #include <filesystem>
 
-#include "paths/failure.h"
 #include "support/scene.h"
 
 namespace qv::test {
@@ -73,31 +74,6 @@ TEST_F(PayloadTest, CopyLaysTheTreeOverTheTargetAndFollowsLinksWithoutEnteringTh
   EXPECT_EQ(SnapshotTree(Host("")), drive);
 }
 
-TEST_F(PayloadTest, PreparationLaysThePackageHelperAndStateFileOverThePreparedFolder) {
-  MakePackage(Host("pkg"));
-  WriteFile(Host("pkg/Bin/Other.dll"), "not taken");
-  MakeInstalledAddIn(Host("prepared"), "old");
-  WriteFile(Host("prepared/install-state.ini"), std::string(200, 'x'));
-  WriteFile(Host("prepared/old_only.py"), "carried over");
-  const TreeSnapshot old = SnapshotTree(Host("prepared"));
-  WString error = u"untouched";
-  ASSERT_TRUE(PrepareAddIn(Win("pkg"), Win("prepared"), error));
-  EXPECT_EQ(error, u"untouched");
-  EXPECT_EQ(SnapshotTree(Host("prepared")), UpdatedAddIn(old));
-
-  // What cannot be written in the prepared folder (the package's own parts
-  // are for the plan and the copy to judge). A file named Bin: its creation
-  // is not reported, the copy into it is.
-  WriteFile(Host("t3/Bin"), "file");
-  EXPECT_FALSE(PrepareAddIn(Win("pkg"), Win("t3"), error));
-  EXPECT_EQ(error, u"Cannot install helper. Error 3");
-  // A state file that cannot be opened fails without words.
-  MakeDirs(Host("t4/install-state.ini"));
-  error = u"untouched";
-  EXPECT_FALSE(PrepareAddIn(Win("pkg"), Win("t4"), error));
-  EXPECT_EQ(error, u"untouched");
-}
-
 TEST_F(PayloadTest, UninstallTakesEachProfileThatHoldsTheManifestOnce) {
   const std::string addIn = "/Autodesk/Autodesk Fusion 360/API/AddIns/KELDARO_Quorvane";
   for (const std::string profile : {"roaming", "profileB", "profileC"}) MakeInstalledAddIn(Host(profile + addIn));
@@ -131,51 +107,6 @@ TEST_F(PayloadTest, UninstallTakesEachProfileThatHoldsTheManifestOnce) {
   EXPECT_TRUE(list.empty());
   EXPECT_EQ(error, u"untouched");
 }
-
-#if defined(QUORVANE_FAULT_INJECTION)
-
-// Each row runs in a fresh process whose platform calls fail as it says; 0
-// when the outcome is right.
-TEST(PayloadFaults, FailuresOfTheCopyAndOfTheStateFile) {
-  FreshProcessDeathTests fresh;
-  const std::pair<const char*, int (*)(const FixturePrefix&)> rows[] = {
-      // A failed copy gives its code as a signed number; what came before stays.
-      {"CopyFileW@2=0x80070005",
-       [](const FixturePrefix& prefix) {
-         WriteFile(prefix.C("src/a.txt"), "a");
-         WriteFile(prefix.C("src/b.txt"), "b");
-         WString error;
-         if (CopyAddInPayload(WinPath("src"), WinPath("dst"), error)) return 1;
-         return error == u"Cannot copy Add-In payload. Error -2147024891" && SnapshotTree(prefix.C("dst")).size() == 2 ? 0 : 2;
-       }},
-      // An entry whose status cannot be had (the third query) is raised.
-      {"GetFileAttributesExW@3=5",
-       [](const FixturePrefix& prefix) {
-         WriteFile(prefix.C("src/a.txt"), "a");
-         WString error;
-         try {
-           CopyAddInPayload(WinPath("src"), WinPath("dst"), error);
-         } catch (const FilesystemFailure& failure) {
-           return failure.what() == std::string("directory_entry::status: Access denied.: \"C:\\src\\a.txt\"") ? 0 : 1;
-         }
-         return 2;
-       }},
-      // A state file that cannot be written fails without words, after the
-      // payload and the helper are in place.
-      {"WriteFile@1=112",
-       [](const FixturePrefix& prefix) {
-         MakePackage(prefix.C("pkg"));
-         WString error;
-         const bool ok = PrepareAddIn(WinPath("pkg"), WinPath("prepared"), error);
-         return !ok && error.empty() && IsAddInHealthy(WinPath("prepared")) ? 0 : 1;
-       }},
-  };
-  for (const auto& [faults, body] : rows) {
-    EXPECT_EXIT(RunWithFaults(faults, body), ::testing::ExitedWithCode(0), "") << faults;
-  }
-}
-
-#endif
 
 }  // namespace
 }  // namespace qv::test

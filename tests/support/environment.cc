@@ -138,8 +138,7 @@ std::vector<std::uint8_t> Utf16LeBytes(const std::u16string& text, bool terminat
   return bytes;
 }
 
-Background Spawn(const std::string& program, const std::vector<std::string>& args, const EnvChanges& env,
-                 const std::string& workingDirectory) {
+Background Spawn(const std::string& program, const std::vector<std::string>& args, const EnvChanges& env) {
   std::vector<std::string> envStrings, argStrings{program};
   for (char** e = environ; *e != nullptr; ++e) {
     if (!env.contains(std::string(*e).substr(0, std::string(*e).find('=')))) envStrings.push_back(*e);
@@ -152,7 +151,6 @@ Background Spawn(const std::string& program, const std::vector<std::string>& arg
   for (std::string& s : envStrings) envp.insert(envp.end() - 1, s.data());
   for (std::string& s : argStrings) argv.insert(argv.end() - 1, s.data());
   return StartChild([&] {
-    if (!workingDirectory.empty() && ::chdir(workingDirectory.c_str()) != 0) return 126;
     ::execve(program.c_str(), argv.data(), envp.data());
     return 127;
   });

@@ -89,11 +89,10 @@ struct Background {
 };
 
 // Starts a program (`program` is its path), left running or run to its end.
-Background Spawn(const std::string& program, const std::vector<std::string>& args, const EnvChanges& env = {},
-                 const std::string& workingDirectory = "");
+Background Spawn(const std::string& program, const std::vector<std::string>& args, const EnvChanges& env = {});
 inline RunResult Run(const std::string& program, const std::vector<std::string>& args, const EnvChanges& env = {},
-                     const std::string& workingDirectory = "", int timeoutMs = 120000) {
-  return Spawn(program, args, env, workingDirectory).Finish(0, timeoutMs);
+                     int timeoutMs = 120000) {
+  return Spawn(program, args, env).Finish(0, timeoutMs);
 }
 
 // Runs `body` in a forked child to its end, which is body's result with no

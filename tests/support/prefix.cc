@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 
 namespace qv::test {
 namespace {
@@ -134,17 +133,5 @@ std::string InventoryBytes(const std::vector<std::pair<std::string, std::string>
 }
 
 PrefixCase::PrefixCase() : prefix_(MakeFixturePrefix(temp_.path())), winePrefix_("WINEPREFIX", prefix_.root) {}
-
-void RunWithFaults(const std::string& faults, const std::function<int(const FixturePrefix&)>& body) {
-  ::setenv("QUORVANE_FAULTS", faults.c_str(), 1);
-  int code = 0;
-  {
-    TempDir temp;
-    const FixturePrefix prefix = MakeFixturePrefix(temp.path());
-    ::setenv("WINEPREFIX", prefix.root.c_str(), 1);
-    code = body(prefix);
-  }
-  std::_Exit(code);
-}
 
 }  // namespace qv::test

@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -109,28 +108,6 @@ class PrefixCase : public ::testing::Test {
 
  private:
   ScopedEnv winePrefix_;
-};
-
-// The statement of a death test in the "threadsafe" style, which starts the
-// test binary afresh: sets QUORVANE_FAULTS to `faults` before the child's
-// first platform call, makes a fixture prefix in a temporary folder, runs
-// `body` on it and ends the child with body's result once the folder is
-// gone. The fault rules are read once per process, hence the fresh process.
-//
-//   test::FreshProcessDeathTests fresh;
-//   EXPECT_EXIT(RunWithFaults("MoveFileExW@1=5", body), ::testing::ExitedWithCode(0), "");
-[[noreturn]] void RunWithFaults(const std::string& faults, const std::function<int(const FixturePrefix&)>& body);
-
-// Makes the death tests of a scope start the test binary afresh.
-class FreshProcessDeathTests {
- public:
-  FreshProcessDeathTests() : saved_(GTEST_FLAG_GET(death_test_style)) { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
-  ~FreshProcessDeathTests() { GTEST_FLAG_SET(death_test_style, saved_); }
-  FreshProcessDeathTests(const FreshProcessDeathTests&) = delete;
-  FreshProcessDeathTests& operator=(const FreshProcessDeathTests&) = delete;
-
- private:
-  std::string saved_;
 };
 
 }  // namespace qv::test

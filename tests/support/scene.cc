@@ -58,14 +58,6 @@ void MakeInstalledAddIn(const std::string& addInFolder, const std::string& tag) 
   WriteAddIn(addInFolder, addInFolder, tag);
 }
 
-void AddBulkFiles(const std::string& folder, int files, long long bytes, const std::string& tag) {
-  const std::size_t each = files > 0 ? static_cast<std::size_t>(bytes / files) : 0;
-  for (int i = 0; i < files; ++i) {
-    WriteFile(folder + "/lib/part" + std::to_string(i / 100) + "/file" + std::to_string(i) + ".dat",
-              std::string(each, static_cast<char>('a' + i % 26)) + tag);
-  }
-}
-
 TreeSnapshot SnapshotTree(const std::string& root) {
   TreeSnapshot snapshot;
   Walk(root, ".", snapshot);
@@ -180,7 +172,7 @@ Background Machine::Start(const std::string& program, const std::vector<std::str
 RunResult Machine::Run(const std::vector<std::string>& args, EnvChanges env, int timeoutMs) const {
   if (tool.native()) {
     for (const auto& [name, value] : prefix.Env()) env.emplace(name, value);
-    return test::Run(tool.binary, args, env, "", timeoutMs);
+    return test::Run(tool.binary, args, env, timeoutMs);
   }
   if (env.count("QUORVANE_FAULTS_LOG") != 0) env["QUORVANE_FAULTS_LOG"] = Win(env["QUORVANE_FAULTS_LOG"]);
   std::vector<std::string> command{tool.binary};
@@ -192,7 +184,7 @@ RunResult RunUnderWine(const std::string& prefix, const std::vector<std::string>
                        int timeoutMs) {
   env["WINEPREFIX"] = prefix;
   env["WINEDEBUG"] = "-all";
-  RunResult r = test::Run("/usr/lib/wine/wine64", command, env, "", timeoutMs);
+  RunResult r = test::Run("/usr/lib/wine/wine64", command, env, timeoutMs);
   // Wine's console ends lines with CR LF.
   for (std::string* text : {&r.out, &r.err}) {
     for (std::size_t at; (at = text->find("\r\n")) != std::string::npos;) text->erase(at, 1);
@@ -203,6 +195,8 @@ RunResult RunUnderWine(const std::string& prefix, const std::vector<std::string>
 ProfileScene::ProfileScene(const ToolUnderTest& tool, std::size_t profileCount, const std::vector<bool>& withAddIn)
     : machine(tool), roaming(machine.C("R")), local(machine.C("L")), package(machine.C("Pkg")) {
   MakePackage(package);
+  // A file beside the helper that no add-in takes.
+  WriteFile(package + "/Bin/Other.dll", "not taken");
   // The default profile's installation, which the webdeploy scan finds; the
   // others lie outside the scanned folder and are known from the saved
   // inventory, which names their profiles. The third is also laid out as a
@@ -224,8 +218,10 @@ ProfileScene::ProfileScene(const ToolUnderTest& tool, std::size_t profileCount, 
     MakeDirs(AddIns(i));
     if (i < withAddIn.size() && !withAddIn[i]) continue;
     MakeInstalledAddIn(AddIn(i), "old" + std::to_string(i));
-    // A file of the user's that no package holds: it must survive updates.
+    // A file of the user's that no package holds: it must survive updates;
+    // and a state file longer than the one a run writes over it.
     WriteFile(AddIn(i) + "/user-settings.json", "{\"profile\": " + std::to_string(i) + "}");
+    WriteFile(AddIn(i) + "/install-state.ini", std::string(200, 'x'));
   }
 }
 
@@ -250,7 +246,8 @@ RunResult ProfileScene::Tool(const std::string& action, const EnvChanges& env) c
       {action, "/test-appdata", Win(roaming), "/test-localappdata", Win(local), "/package", Win(package)}, env);
 }
 
-Before::Before(const ProfileScene& s) : inventory(ReadFile(s.InventoryFile())) {
+Before::Before(const ProfileScene& s)
+    : inventory(ReadFile(s.InventoryFile())), inventoryFolder(SnapshotTree(s.local + "/Quorvane")) {
   for (std::size_t i = 0; i < s.profiles.size(); ++i) {
     addIns.push_back(SnapshotTree(s.AddIn(i)));
     transactions.push_back(s.TransactionDirectories(i));
@@ -302,7 +299,8 @@ std::string ExpectRolledBack(const ProfileScene& s, const Before& before, const 
     ExpectTree(s.AddIn(i), before.addIns[i], "add-in " + std::to_string(i));
     EXPECT_FALSE(Exists(s.Backups(i) + "/" + id + "/before")) << "profile " << i;
   }
-  EXPECT_EQ(ReadFile(s.InventoryFile()), before.inventory);
+  // The inventory as it was, and no temporary file of its writer beside it.
+  ExpectTree(s.local + "/Quorvane", before.inventoryFolder, "inventory folder");
   return id;
 }
 

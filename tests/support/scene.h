@@ -29,10 +29,6 @@ extern const std::vector<std::string> kAddInFiles;
 void MakePackage(const std::string& folder, const std::string& tag = "new");
 // An installed add-in: the six files and Bin\Quorvane_Helper.exe.
 void MakeInstalledAddIn(const std::string& addInFolder, const std::string& tag = "old");
-// `files` more files of `bytes` bytes in all below `folder`, in folders of
-// 100 as a real add-in's resources lie, each tagged with `tag`: an add-in or
-// a package of real size, for the benchmarks.
-void AddBulkFiles(const std::string& folder, int files, long long bytes, const std::string& tag);
 
 // --- Trees ----------------------------------------------------------------
 
@@ -193,6 +189,7 @@ struct Before {
   std::vector<TreeSnapshot> addIns;
   std::vector<std::vector<std::string>> transactions;  // directories below Backups(i)
   std::string inventory;
+  TreeSnapshot inventoryFolder;  // the inventory's folder, where its writer puts its temporary file
 };
 
 // The tree at `root` is `expected`; `what` names it in the failure.
@@ -206,8 +203,8 @@ void ExpectCompleted(const ProfileScene& s, const Before& before, const RunResul
 
 // Exit code 6, nothing on standard output; on standard error the failure, a
 // recovery line for each of the first `passed` profiles from the last to the
-// first, and `closing`. When restored, every add-in and the inventory are as
-// they were and no backup is left. Gives the transaction id.
+// first, and `closing`. When restored, every add-in and the inventory's
+// folder are as they were and no backup is left. Gives the transaction id.
 std::string ExpectRolledBack(const ProfileScene& s, const Before& before, const RunResult& r, std::size_t passed,
                              const std::string& closing = "Installed profiles restored.");
 
