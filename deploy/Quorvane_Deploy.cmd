@@ -46,7 +46,7 @@ exit /b 2
 call :begin install
 call :run "%KITEXE%" check "%HERE%."
 if not "%CODE%"=="0" (set "RESULT=8" & goto :end)
-set /p ID=<"%WORK%\out.txt"
+call :first ID "%WORK%\out.txt"
 call :run "%TOOL%" /install %OPTIONS%
 call :result
 if "%TOOLCODE%"=="0" call :keep
@@ -67,7 +67,7 @@ rem Runs the install only when detection finds this package's payload
 rem missing somewhere: a run that is not needed would still copy every
 rem add-in and keep one more backup of it in every profile.
 set "UP="
-set /p ID=<"%HERE%AddIn\Quorvane_Payload.id" 2>nul
+call :first ID "%HERE%AddIn\Quorvane_Payload.id"
 if defined ID for /f "delims=" %%o in ('call "%SELF%" detect %ID% %OPTIONS%') do set "UP=%%o"
 if not defined UP goto :install
 call :begin logon
@@ -98,10 +98,16 @@ exit /b %CODE%
 
 :profile
 if not "%LINE:~0,13%"=="Add-In path: " exit /b 0
-set "STAMP="
-set /p STAMP=<"%LINE:~13%\Quorvane_Payload.id" 2>nul
+call :first STAMP "%LINE:~13%\Quorvane_Payload.id"
 set /a PROFILES+=1
-if not "%STAMP%"=="%ID%" set "OTHER=%LINE:~13%"
+if "%STAMP%"=="%ID%" exit /b 0
+set "OTHER=%LINE:~13%"
+exit /b 0
+
+:first
+rem Sets the variable %1 to the first line of the file %2, or to nothing.
+set "%~1="
+if exist "%~2" for /f "usebackq delims=" %%s in ("%~2") do if not defined %~1 set "%~1=%%s"
 exit /b 0
 
 :begin

@@ -176,7 +176,7 @@ std::string DetectionScript(const std::string& identity) {
          "if (-not (Test-Path -LiteralPath $deploy)) { exit 0 }\r\n"
          "$out = & $deploy detect '" + identity + "'\r\n"
          "$code = $LASTEXITCODE\r\n"
-         "if ($code -eq 0 -and $out) { $out }\r\n"
+         "if ($code -eq 0 -and \"$out\" -match ' is installed') { $out }\r\n"
          "exit $code\r\n";
 }
 
