@@ -58,6 +58,14 @@ void MakeInstalledAddIn(const std::string& addInFolder, const std::string& tag) 
   WriteAddIn(addInFolder, addInFolder, tag);
 }
 
+void AddBulkFiles(const std::string& folder, int files, long long bytes, const std::string& tag) {
+  const std::size_t each = files > 0 ? static_cast<std::size_t>(bytes / files) : 0;
+  for (int i = 0; i < files; ++i) {
+    WriteFile(folder + "/lib/part" + std::to_string(i / 100) + "/file" + std::to_string(i) + ".dat",
+              std::string(each, static_cast<char>('a' + i % 26)) + tag);
+  }
+}
+
 TreeSnapshot SnapshotTree(const std::string& root) {
   TreeSnapshot snapshot;
   Walk(root, ".", snapshot);

@@ -29,6 +29,10 @@ extern const std::vector<std::string> kAddInFiles;
 void MakePackage(const std::string& folder, const std::string& tag = "new");
 // An installed add-in: the six files and Bin\Quorvane_Helper.exe.
 void MakeInstalledAddIn(const std::string& addInFolder, const std::string& tag = "old");
+// `files` more files of `bytes` bytes in all below `folder`, in folders of
+// 100 as a real add-in's resources lie, each tagged with `tag`: an add-in or
+// a package of real size, for the benchmarks.
+void AddBulkFiles(const std::string& folder, int files, long long bytes, const std::string& tag);
 
 // --- Trees ----------------------------------------------------------------
 

@@ -1,4 +1,4 @@
-#include "bench_support.h"
+#include "timing.h"
 
 #include <fcntl.h>
 #include <spawn.h>
@@ -9,8 +9,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 
 extern char** environ;
 
@@ -90,21 +88,6 @@ void Print(const std::string& what, const Figures& f) {
 void Print(const std::string& what, const ProcessFigures& f) {
   std::printf("%-58s min %8.3f ms  median %8.3f ms  max %8.3f ms  peak RSS %6.1f MB  exit %d\n", what.c_str(),
               f.wall.minMs, f.wall.medianMs, f.wall.maxMs, f.peakRssKb / 1024.0, f.exitCode);
-}
-
-void WriteFile(const std::string& path, const std::string& bytes) {
-  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-  std::ofstream(path, std::ios::binary) << bytes;
-}
-
-void MakeDirs(const std::string& path) { std::filesystem::create_directories(path); }
-
-std::string MakeTempDir() {
-  std::string pattern = "/tmp/quorvane-bench-XXXXXX";
-  std::vector<char> buffer(pattern.begin(), pattern.end());
-  buffer.push_back('\0');
-  if (mkdtemp(buffer.data()) == nullptr) std::exit(1);
-  return buffer.data();
 }
 
 }  // namespace qv::bench

@@ -1,4 +1,4 @@
-// Timing and process helpers for the benchmarks.
+// Timing of code and of whole processes, for the benchmarks.
 #pragma once
 
 #include <chrono>
@@ -31,9 +31,5 @@ ProcessFigures TimeProcess(int runs, const std::string& program, const std::vect
 
 void Print(const std::string& what, const Figures& f);
 void Print(const std::string& what, const ProcessFigures& f);
-
-void WriteFile(const std::string& path, const std::string& bytes);
-void MakeDirs(const std::string& path);
-std::string MakeTempDir();
 
 }  // namespace qv::bench
