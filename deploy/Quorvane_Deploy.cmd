@@ -86,23 +86,14 @@ mkdir "%WORK%" 2>nul
 set "CODE=%ERRORLEVEL%"
 if "%CODE%"=="1" set "CODE=0" & goto :detected
 if not "%CODE%"=="0" (type "%WORK%\status.txt" 1>&2 & goto :detected)
-set "PROFILES=0"
-set "OTHER="
-for /f "usebackq delims=" %%l in ("%WORK%\status.txt") do (set "LINE=%%l" & call :profile)
-if defined OTHER goto :detected
-if "%PROFILES%"=="0" goto :detected
+rem Every add-in listed must hold this payload's stamp.
+"%KITEXE%" stamped %ID% "%WORK%\status.txt" > "%WORK%\stamped.txt" 2>&1
+if errorlevel 1 goto :detected
+call :first PROFILES "%WORK%\stamped.txt"
 echo Quorvane payload %ID% is installed; Add-In profiles: %PROFILES%.
 :detected
 rmdir /s /q "%WORK%" 2>nul
 exit /b %CODE%
-
-:profile
-if not "%LINE:~0,13%"=="Add-In path: " exit /b 0
-call :first STAMP "%LINE:~13%\Quorvane_Payload.id"
-set /a PROFILES+=1
-if "%STAMP%"=="%ID%" exit /b 0
-set "OTHER=%LINE:~13%"
-exit /b 0
 
 :first
 rem Sets the variable %1 to the first line of the file %2, or to nothing.
@@ -140,6 +131,8 @@ mkdir "%LOCALKIT%" 2>nul
 copy /y "%TOOL%" "%LOCALKIT%\Quorvane_Setup.exe" >nul 2>&1
 if errorlevel 1 goto :keep_failed
 copy /y "%SELF%" "%LOCALKIT%\Quorvane_Deploy.cmd" >nul 2>&1
+if errorlevel 1 goto :keep_failed
+copy /y "%KITEXE%" "%LOCALKIT%\Quorvane_Kit.exe" >nul 2>&1
 if errorlevel 1 goto :keep_failed
 reg add "%RECORD%" /v PayloadId /t REG_SZ /d "%ID%" /f >nul 2>&1
 if errorlevel 1 goto :keep_failed

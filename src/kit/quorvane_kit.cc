@@ -3,6 +3,8 @@
 //
 //   Quorvane_Kit.exe stamp <package>    gives the package's payload its identity
 //   Quorvane_Kit.exe check <package>    prints that identity if the payload still has it
+//   Quorvane_Kit.exe stamped <identity> <report>
+//                                       whether every add-in of a /status report holds that stamp
 //   Quorvane_Kit.exe clock              prints the local time and a millisecond count
 //   Quorvane_Kit.exe elapsed <count> [<end count>]
 //                                       prints the seconds from the one count to the other (or now)
@@ -115,6 +117,8 @@ struct Failure {
   std::string text;
 };
 
+fs::path PathOf(const std::string& utf8) { return fs::path(std::u8string(utf8.begin(), utf8.end())); }
+
 std::string Utf8(const fs::path& path) {
   const std::u8string text = path.u8string();
   return std::string(text.begin(), text.end());
@@ -180,8 +184,9 @@ std::string DetectionScript(const std::string& identity) {
          "exit $code\r\n";
 }
 
-std::string StampedIdentity(const fs::path& package) {
-  std::ifstream in(package / "AddIn" / kStampName);
+// The first line of `file`, without its line end; empty when there is none.
+std::string FirstLine(const fs::path& file) {
+  std::ifstream in(file);
   std::string line;
   std::getline(in, line);
   if (!line.empty() && line.back() == '\r') line.pop_back();
@@ -215,8 +220,28 @@ int Run(const std::vector<std::string>& args) {
     std::printf("%lld.%03d s\n", static_cast<long long>(span / 1000), static_cast<int>(span % 1000));
     return 0;
   }
+  if (command == "stamped" && args.size() == 3) {
+    // The report as the tool writes it to a file: UTF-8, so every character
+    // of a path survives, which cmd's reading of it would not promise.
+    std::ifstream report(PathOf(args[2]));
+    if (!report) throw Failure{"Cannot read " + args[2]};
+    const std::string label = "Add-In path: ";
+    int holding = 0;
+    for (std::string line; std::getline(report, line);) {
+      if (!line.empty() && line.back() == '\r') line.pop_back();
+      if (line.rfind(label, 0) != 0) continue;
+      const std::string addIn = line.substr(label.size());
+      if (FirstLine(PathOf(addIn) / kStampName) != args[1]) {
+        std::printf("%s\n", addIn.c_str());
+        return 1;
+      }
+      ++holding;
+    }
+    std::printf("%d\n", holding);
+    return holding > 0 ? 0 : 1;
+  }
   if ((command == "stamp" || command == "check") && args.size() == 2) {
-    const fs::path package(std::u8string(args[1].begin(), args[1].end()));
+    const fs::path package = PathOf(args[1]);
     const std::string identity = PayloadIdentity(package);
     if (command == "stamp") {
       WriteText(package / "AddIn" / kStampName, identity + "\r\n");
@@ -226,7 +251,7 @@ int Run(const std::vector<std::string>& args) {
                   Utf8(package / "Quorvane_Detect.ps1").c_str());
       return 0;
     }
-    const std::string stamped = StampedIdentity(package);
+    const std::string stamped = FirstLine(package / "AddIn" / kStampName);
     if (stamped.empty()) throw Failure{"The package is not stamped: run Quorvane_Kit.exe stamp on it."};
     if (stamped != identity) {
       throw Failure{"The payload changed after it was stamped (stamp " + stamped + ", payload " + identity +
@@ -235,7 +260,7 @@ int Run(const std::vector<std::string>& args) {
     std::printf("%s\n", identity.c_str());
     return 0;
   }
-  throw Failure{"Usage: Quorvane_Kit.exe stamp|check <package folder> | clock | elapsed <count> [<end count>]"};
+  throw Failure{"Usage: Quorvane_Kit.exe stamp|check <package folder> | stamped <identity> <report> | clock | elapsed <count> [<end count>]"};
 }
 
 }  // namespace

@@ -101,6 +101,11 @@ TEST_F(WinePrefix, DeploymentKitInstallsDetectsUpdatesAndUninstalls) {
       {"update", [&] { b = stamp(); EXPECT_NE(a, b); EXPECT_EQ(detect(b), ""); },
        "Install", {}, 0, "Recorded payload [0-9a-f]{64}" + any + "tool exit 0, exit 0", 1},
       {"uninstall", [&] { EXPECT_NE(detect(b).find(installed), std::string::npos); EXPECT_EQ(detect(a), "");
+                          // A report's paths keep every character: it is read as UTF-8.
+                          const std::string odd = s.machine.C("Pr\u00f3f\u00edl \u0394/KELDARO_Quorvane");
+                          WriteFile(odd + "/Quorvane_Payload.id", b + "\r\n");
+                          WriteFile(s.machine.C("report.txt"), "Add-In path: " + s.Win(s.AddIn(0)) + "\r\nAdd-In path: " + s.Win(odd) + "\r\n");
+                          EXPECT_EQ(RunUnderWine(prefix, {kit, "stamped", b, s.Win(s.machine.C("report.txt"))}).out, "2\n");
                           // One profile given the older payload's stamp by hand.
                           WriteFile(s.AddIn(1) + "/Quorvane_Payload.id", a + "\r\n");
                           EXPECT_EQ(detect(b), ""); },
