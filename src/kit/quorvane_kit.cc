@@ -260,7 +260,8 @@ int Run(const std::vector<std::string>& args) {
     std::printf("%s\n", identity.c_str());
     return 0;
   }
-  throw Failure{"Usage: Quorvane_Kit.exe stamp|check <package folder> | stamped <identity> <report> | clock | elapsed <count> [<end count>]"};
+  throw Failure{"Usage: Quorvane_Kit.exe stamp|check <package folder> | stamped <identity> <report> | clock |"
+                " elapsed <count> [<end count>]"};
 }
 
 }  // namespace

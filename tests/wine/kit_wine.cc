@@ -37,7 +37,8 @@ TEST_F(WinePrefix, DeploymentKitInstallsDetectsUpdatesAndUninstalls) {
 
   // The account's local folder, where the wrappers log and keep detection.
   const std::string local = Wine({"cmd", "/d", "/c", "echo %LOCALAPPDATA%"}).out;
-  const std::string mine = prefix + "/drive_c" + std::regex_replace(local.substr(2, local.size() - 3), std::regex(R"(\\)"), "/") + "/Quorvane";
+  const std::string mine =
+      prefix + "/drive_c" + std::regex_replace(local.substr(2, local.size() - 3), std::regex(R"(\\)"), "/") + "/Quorvane";
   const std::string log = mine + "/Logs/Quorvane_Deploy.log";
   fs::remove_all(mine);
   Wine({"reg", "delete", R"(HKCU\Software\KELDARO\Quorvane)", "/f"});
@@ -88,7 +89,8 @@ TEST_F(WinePrefix, DeploymentKitInstallsDetectsUpdatesAndUninstalls) {
                           ASSERT_TRUE(holder->WaitForOutput("held", 60000)); },
        "Install", {}, 1618, "Another Quorvane Setup is active" + any + "tool exit 7, exit 1618", 0},
       {"rolled back", [&] { fs::remove(gate); holder->Finish(); EXPECT_EQ(detect(a), ""); },
-       "Install", {{"QUORVANE_FAULTS", "MoveFileExW@4=5"}}, 6, "Installed profiles restored.\n" + any + "tool exit 6, exit 6", 1},
+       "Install", {{"QUORVANE_FAULTS", "MoveFileExW@4=5"}}, 6,
+       "Installed profiles restored.\n" + any + "tool exit 6, exit 6", 1},
       {"installed", [&] { EXPECT_EQ(detect(a), ""); },
        "Install", {}, 0, "Quorvane installed/updated.\nRecorded payload [0-9a-f]{64}" + any + "tool exit 0, exit 0", 1},
       {"logon, nothing to do", [&] { EXPECT_NE(detect(a).find(installed), std::string::npos); },
@@ -104,22 +106,26 @@ TEST_F(WinePrefix, DeploymentKitInstallsDetectsUpdatesAndUninstalls) {
                           // A report's paths keep every character: it is read as UTF-8.
                           const std::string odd = s.machine.C("Pr\u00f3f\u00edl \u0394/KELDARO_Quorvane");
                           WriteFile(odd + "/Quorvane_Payload.id", b + "\r\n");
-                          WriteFile(s.machine.C("report.txt"), "Add-In path: " + s.Win(s.AddIn(0)) + "\r\nAdd-In path: " + s.Win(odd) + "\r\n");
-                          EXPECT_EQ(RunUnderWine(prefix, {kit, "stamped", b, s.Win(s.machine.C("report.txt"))}).out, "2\n");
+                          const std::string report = s.machine.C("report.txt");
+                          WriteFile(report, "Add-In path: " + s.Win(s.AddIn(0)) + "\r\nAdd-In path: " + s.Win(odd));
+                          EXPECT_EQ(RunUnderWine(prefix, {kit, "stamped", b, s.Win(report)}).out, "2\n");
                           // One profile given the older payload's stamp by hand.
                           WriteFile(s.AddIn(1) + "/Quorvane_Payload.id", a + "\r\n");
                           EXPECT_EQ(detect(b), ""); },
-       "Uninstall", {}, 0, "Quorvane uninstalled." + any + "Removed the payload record" + any + "tool exit 0, exit 0", 1}};
+       "Uninstall", {}, 0,
+       "Quorvane uninstalled." + any + "Removed the payload record" + any + "tool exit 0, exit 0", 1}};
   for (const Step& step : steps) {
     SCOPED_TRACE(step.what);
     if (step.env.count("QUORVANE_FAULTS") != 0 && !wine.faults) continue;
     step.before();
-    const std::size_t logged = Exists(log) ? ReadFile(log).size() : 0, transactions = s.TransactionDirectories(0).size();
+    const std::size_t logged = Exists(log) ? ReadFile(log).size() : 0;
+    const std::size_t transactions = s.TransactionDirectories(0).size();
     const KitRun r = script(s.Win(s.package + "/Quorvane_" + step.script + ".cmd"), {}, step.env);
     EXPECT_EQ(r.exit, step.exit) << r.out;
     const std::string added = std::regex_replace(Exists(log) ? ReadFile(log).substr(logged) : "", std::regex("\r"), "");
     const std::string time = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} )";
-    EXPECT_TRUE(std::regex_match(added, std::regex(time + "\\w+ start: " + any + step.logged + R"(, elapsed \d+\.\d{3} s\n)")))
+    const std::string end = R"(, elapsed \d+\.\d{3} s\n)";
+    EXPECT_TRUE(std::regex_match(added, std::regex(time + "\\w+ start: " + any + step.logged + end)))
         << added;
     EXPECT_EQ(s.TransactionDirectories(0).size(), transactions + step.transactions);
   }
