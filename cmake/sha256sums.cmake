@@ -1,10 +1,7 @@
-# Run by CPack after it made the archives, before it moves them to the
-# package directory: writes SHA256SUMS there, beside them, in the form that
-# `sha256sum -c SHA256SUMS` checks.
-set(sums "")
-foreach(archive IN LISTS CPACK_PACKAGE_FILES)
-  file(SHA256 "${archive}" hash)
-  get_filename_component(name "${archive}" NAME)
-  string(APPEND sums "${hash}  ${name}\n")
-endforeach()
-file(WRITE "${CPACK_PACKAGE_DIRECTORY}/SHA256SUMS" "${sums}")
+# Writes SHA256SUMS beside the archive, in the form that
+# `sha256sum -c SHA256SUMS` checks:
+#   cmake -DARCHIVE=<archive> -P sha256sums.cmake
+file(SHA256 "${ARCHIVE}" hash)
+get_filename_component(name "${ARCHIVE}" NAME)
+get_filename_component(folder "${ARCHIVE}" DIRECTORY)
+file(WRITE "${folder}/SHA256SUMS" "${hash}  ${name}\n")

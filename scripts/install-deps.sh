@@ -8,6 +8,8 @@ packages=(
   googletest libgtest-dev libgmock-dev
   clang-14 libclang-rt-14-dev
   wine64
+  python3                     # writes the archive and the .exe's checksum
+  osslsigncode openssl unzip  # signing, and the checks of a signed build
   g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64
 )
 

@@ -129,7 +129,7 @@ bool ConvertSidToStringSidW(const Sid& sid, WString& text) {
   QV_FAULT_POINT("GetProcAddress", return false, u"ConvertSidToStringSidW");
   QV_FAULT_POINT("ConvertSidToStringSidW", return false);
   if (sid.empty()) return false;
-  HMODULE advapi = ::LoadLibraryW(L"advapi32.dll");
+  HMODULE advapi = ::LoadLibraryExW(L"advapi32.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
   if (advapi == nullptr) return false;
   using Convert = BOOL(WINAPI*)(PSID, LPWSTR*);
   auto convert = reinterpret_cast<Convert>(reinterpret_cast<void*>(::GetProcAddress(advapi, "ConvertSidToStringSidW")));
