@@ -16,11 +16,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct KitRun {
-  int exit;
-  std::string out;
-};
-
 TEST_F(WinePrefix, DeploymentKitInstallsDetectsUpdatesAndUninstalls) {
   QV_SKIP_UNLESS(wine.missing.empty(), wine.missing);
   const std::string kit = fs::path(wine.binary).parent_path() / "Quorvane_Kit.exe";
@@ -51,7 +46,9 @@ TEST_F(WinePrefix, DeploymentKitInstallsDetectsUpdatesAndUninstalls) {
     RunResult r = RunUnderWine(prefix, command, env, 180000);
     const std::size_t at = r.out.rfind("exit=");
     EXPECT_NE(at, std::string::npos) << r.out << r.err;
-    return KitRun{at == std::string::npos ? -1 : std::stoi(r.out.substr(at + 5)), r.out.substr(0, at) + r.err};
+    r.exitCode = at == std::string::npos ? -1 : std::stoi(r.out.substr(at + 5));
+    r.out = r.out.substr(0, at) + r.err;
+    return r;
   };
   const auto stamp = [&] {
     EXPECT_EQ(RunUnderWine(prefix, {kit, "stamp", s.Win(s.package)}).exitCode, 0);
@@ -63,9 +60,9 @@ TEST_F(WinePrefix, DeploymentKitInstallsDetectsUpdatesAndUninstalls) {
   // not installed when there is none; the package's copy before any install.
   const auto detect = [&](const std::string& id) {
     const bool kept = Exists(mine + "/Kit/Quorvane_Deploy.cmd");
-    const KitRun r = script(s.Win(kept ? mine + "/Kit/Quorvane_Deploy.cmd" : s.package + "/Quorvane_Deploy.cmd"),
-                            {"detect", id});
-    EXPECT_EQ(r.exit, 0) << r.out;
+    const RunResult r = script(s.Win(kept ? mine + "/Kit/Quorvane_Deploy.cmd" : s.package + "/Quorvane_Deploy.cmd"),
+                               {"detect", id});
+    EXPECT_EQ(r.exitCode, 0) << r.out;
     return r.out;
   };
   const std::string installed = "is installed; Add-In profiles: 2.";
@@ -120,8 +117,8 @@ TEST_F(WinePrefix, DeploymentKitInstallsDetectsUpdatesAndUninstalls) {
     step.before();
     const std::size_t logged = Exists(log) ? ReadFile(log).size() : 0;
     const std::size_t transactions = s.TransactionDirectories(0).size();
-    const KitRun r = script(s.Win(s.package + "/Quorvane_" + step.script + ".cmd"), {}, step.env);
-    EXPECT_EQ(r.exit, step.exit) << r.out;
+    const RunResult r = script(s.Win(s.package + "/Quorvane_" + step.script + ".cmd"), {}, step.env);
+    EXPECT_EQ(r.exitCode, step.exit) << r.out;
     const std::string added = std::regex_replace(Exists(log) ? ReadFile(log).substr(logged) : "", std::regex("\r"), "");
     const std::string time = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} )";
     const std::string end = R"(, elapsed \d+\.\d{3} s\n)";
