@@ -4,6 +4,8 @@
 // fails. Then sweeps: the same run repeated with each of its platform calls
 // failing, or the process ending at its start, in turn; all profiles must
 // end old or all new, never a mix.
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <functional>
@@ -110,13 +112,20 @@ TEST_P(Transaction, TwoProfilesAreUndoneInReverseOrderWhereverTheRunStops) {
   };
   std::vector<Row> rows = {{"CopyFileW@1=5", "Cannot stage existing profile.", 0, "b-"},
                            {FaultAt(*firstCopyOfB, "5"), "Cannot stage existing profile.", 0, "cb"},
-                           {"MoveFileExW@5=5", kCannotSave, 0, "cc"}};
+                           {"MoveFileExW@5=5", kCannotSave, 0, "cc"},
+                           // No fault: Installation.ini made read-only, which
+                           // Windows refuses to replace.
+                           {"", kCannotSave, 0, "cc"}};
   // The swap moves A's old add-in to before and A's prepared into its place,
   // then B's.
   for (int step = 1; step <= 4; ++step) rows.push_back({"MoveFileExW@" + std::to_string(step) + "=5", "", step, "cc"});
   for (const Row& row : rows) {
     SCOPED_TRACE(row.faults);
+    const bool readOnlyInventory = row.faults.empty();
+    // Wine 8 replaces a read-only file on a rename (see the README).
+    if (readOnlyInventory && !tool().native()) continue;
     ProfileScene s(tool(), 2);
+    if (readOnlyInventory) ::chmod(s.InventoryFile().c_str(), 0444);
     const Before before(s);
     const RunResult r = s.Tool("/install", {{"QUORVANE_FAULTS", row.faults}});
     const std::string id = ExpectRolledBack(s, before, r, 2);
@@ -137,6 +146,7 @@ TEST_P(Transaction, TwoProfilesAreUndoneInReverseOrderWhereverTheRunStops) {
     }
     EXPECT_EQ(r.err.substr(0, failure.size() + 1), failure + "\n");
     // A retry under a new transaction id starts clean and succeeds.
+    ::chmod(s.InventoryFile().c_str(), 0644);
     const Before retry(s);
     ExpectCompleted(s, retry, s.Tool("/install"), false);
   }

@@ -5,7 +5,7 @@
 #include <sstream>
 
 #include "platform/platform.h"
-#include "platform/posix/host.h"
+#include "platform/posix/host_paths.h"
 
 namespace qv::test {
 namespace {

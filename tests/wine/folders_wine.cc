@@ -5,7 +5,7 @@
 #include <sstream>
 
 #include "platform/platform.h"
-#include "platform/posix/host.h"
+#include "platform/posix/host_paths.h"
 #include "platform/wstring.h"
 #include "support/scene.h"
 #include "user/user_folders.h"

@@ -2,7 +2,7 @@
 // asked live the questions of tests/data/ini/queries.txt in one probe run.
 #include <gtest/gtest.h>
 
-#include "platform/posix/host.h"
+#include "platform/posix/host_paths.h"
 #include "platform/wstring.h"
 #include "support/profile_answers.h"
 #include "support/scene.h"

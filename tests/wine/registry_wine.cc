@@ -12,7 +12,7 @@
 #include <sstream>
 
 #include "platform/platform.h"
-#include "platform/posix/host.h"
+#include "platform/posix/registry.h"
 #include "platform/wstring.h"
 #include "support/scene.h"
 

@@ -9,15 +9,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <memory>
-#include <vector>
 
 #include "platform/fault_injection.h"
 #include "platform/platform.h"
+#include "platform/posix/errors.h"
 #include "platform/posix/handles.h"
-#include "platform/posix/host.h"
-#include "platform/posix/proc_files.h"
+#include "platform/posix/host_paths.h"
+#include "platform/posix/processes.h"
+#include "platform/posix/registry.h"
 
 namespace qv::platform {
 namespace {
@@ -29,77 +29,51 @@ struct Token {
 // The binary SID layout: revision, count of sub-authorities, a 48-bit
 // big-endian identifier authority, then 32-bit little-endian sub-authorities.
 constexpr std::size_t kSidHeaderSize = 8;
-constexpr std::size_t kMaxSubAuthorities = 15;
 
 Sid SidOfUid(std::uint32_t uid) {
-  const std::uint32_t subAuthorities[] = {21, 0, 0, 0, uid};
   Sid sid = {1, 5, 0, 0, 0, 0, 0, 5};
-  for (std::uint32_t value : subAuthorities) {
+  for (std::uint32_t value : {21u, 0u, 0u, 0u, uid}) {
     for (int shift = 0; shift < 32; shift += 8) sid.push_back(static_cast<std::uint8_t>(value >> shift));
   }
   return sid;
 }
 
 bool IsValidSid(const Sid& sid) {
-  return sid.size() >= kSidHeaderSize && sid[0] == 1 && sid[1] <= kMaxSubAuthorities &&
-         sid.size() == kSidHeaderSize + 4u * sid[1];
+  return sid.size() >= kSidHeaderSize && sid[0] == 1 && sid[1] <= 15 && sid.size() == kSidHeaderSize + 4u * sid[1];
 }
 
-// The standard text form: "S-1-<authority>-<sub>-<sub>...".
+// "S-1-<authority>-<sub>-<sub>...", the authority in decimal: every SID of
+// this host has authority 5.
 WString SidText(const Sid& sid) {
   std::uint64_t authority = 0;
-  for (int i = 2; i < 8; ++i) authority = (authority << 8) | sid[i];
-  std::string text = "S-1-";
-  if (authority < (1ull << 32)) {
-    text += std::to_string(authority);
-  } else {
-    static const char kHex[] = "0123456789ABCDEF";
-    text += "0x";
-    for (int i = 2; i < 8; ++i) {
-      text += kHex[sid[i] >> 4];
-      text += kHex[sid[i] & 0xF];
-    }
-  }
-  for (std::size_t i = 0; i < sid[1]; ++i) {
-    std::size_t at = kSidHeaderSize + 4 * i;
-    std::uint32_t value = static_cast<std::uint32_t>(sid[at]) | (static_cast<std::uint32_t>(sid[at + 1]) << 8) |
-                          (static_cast<std::uint32_t>(sid[at + 2]) << 16) |
-                          (static_cast<std::uint32_t>(sid[at + 3]) << 24);
-    text += '-';
-    text += std::to_string(value);
+  for (std::size_t i = 2; i < kSidHeaderSize; ++i) authority = (authority << 8) | sid[i];
+  std::string text = "S-1-" + std::to_string(authority);
+  for (std::size_t at = kSidHeaderSize; at < sid.size(); at += 4) {
+    std::uint32_t value = 0;
+    for (std::size_t k = 0; k < 4; ++k) value |= static_cast<std::uint32_t>(sid[at + k]) << (8 * k);
+    text += "-" + std::to_string(value);
   }
   return AsciiToWide(text);
 }
 
 // TOKEN_USER as Windows lays it out on a 64-bit system: the SID_AND_ATTRIBUTES
 // record (a pointer and a 32-bit attribute word, padded) followed by the SID.
-constexpr std::uint32_t kSidAndAttributesSize = 16;
-
-std::uint32_t TokenUserSize(const Token& token) {
-  return kSidAndAttributesSize + static_cast<std::uint32_t>(SidOfUid(token.uid).size());
-}
+std::uint32_t TokenUserSize(const Token& token) { return 16 + static_cast<std::uint32_t>(SidOfUid(token.uid).size()); }
 
 std::int32_t HresultFromWin32(std::uint32_t code) {
-  if (code == 0) return 0;
-  return static_cast<std::int32_t>(0x80070000u | (code & 0xFFFFu));
+  return code == 0 ? 0 : static_cast<std::int32_t>(0x80070000u | (code & 0xFFFFu));
 }
 
-bool AccountName(std::uint32_t uid, std::string& name) {
-  std::vector<char> buffer(16384);
-  passwd entry{};
-  passwd* result = nullptr;
-  while (::getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &result) == ERANGE) {
-    buffer.resize(buffer.size() * 2);
-  }
-  if (result == nullptr) return false;
-  name = result->pw_name;
-  return !name.empty();
+// The token behind a handle; null with the last error set.
+const Token* TokenOf(Handle handle) {
+  const auto* token = posix::LookUpHandle<Token>(handle, posix::HandleKind::Token);
+  if (token == nullptr) SetLastError(kErrorInvalidHandle);
+  return token;
 }
 
 }  // namespace
 
-bool OpenProcessToken(Handle process, std::uint32_t desiredAccess, Handle& token) {
-  (void)desiredAccess;
+bool OpenProcessToken(Handle process, std::uint32_t /*desiredAccess*/, Handle& token) {
   QV_FAULT_POINT("OpenProcessToken", return false);
   auto opened = std::make_shared<Token>();
   if (process == posix::kCurrentProcessHandle) {
@@ -107,8 +81,7 @@ bool OpenProcessToken(Handle process, std::uint32_t desiredAccess, Handle& token
   } else if (const auto* target = posix::LookUpHandle<posix::OpenedProcess>(process, posix::HandleKind::Process)) {
     opened->uid = target->uid;
   } else {
-    SetLastError(kErrorInvalidHandle);
-    return false;
+    return posix::Fail(kErrorInvalidHandle);
   }
   token = posix::RegisterHandle(posix::HandleKind::Token, opened);
   return true;
@@ -116,11 +89,8 @@ bool OpenProcessToken(Handle process, std::uint32_t desiredAccess, Handle& token
 
 std::uint32_t GetTokenUserSize(Handle token) {
   QV_FAULT_POINT("GetTokenInformation", return 0);
-  const auto* opened = posix::LookUpHandle<Token>(token, posix::HandleKind::Token);
-  if (opened == nullptr) {
-    SetLastError(kErrorInvalidHandle);
-    return 0;
-  }
+  const Token* opened = TokenOf(token);
+  if (opened == nullptr) return 0;
   // The size query fails as on Windows, telling the size it needs.
   SetLastError(kErrorInsufficientBuffer);
   return TokenUserSize(*opened);
@@ -128,25 +98,16 @@ std::uint32_t GetTokenUserSize(Handle token) {
 
 bool GetTokenUser(Handle token, std::uint32_t size, Sid& sid) {
   QV_FAULT_POINT("GetTokenInformation", return false);
-  const auto* opened = posix::LookUpHandle<Token>(token, posix::HandleKind::Token);
-  if (opened == nullptr) {
-    SetLastError(kErrorInvalidHandle);
-    return false;
-  }
-  if (size < TokenUserSize(*opened)) {
-    SetLastError(kErrorInsufficientBuffer);
-    return false;
-  }
+  const Token* opened = TokenOf(token);
+  if (opened == nullptr) return false;
+  if (size < TokenUserSize(*opened)) return posix::Fail(kErrorInsufficientBuffer);
   sid = SidOfUid(opened->uid);
   return true;
 }
 
 bool EqualSid(const Sid& a, const Sid& b) {
   QV_FAULT_POINT("EqualSid", return false);
-  if (!IsValidSid(a) || !IsValidSid(b)) {
-    SetLastError(kErrorInvalidParameter);
-    return false;
-  }
+  if (!IsValidSid(a) || !IsValidSid(b)) return posix::Fail(kErrorInvalidParameter);
   SetLastError(kErrorSuccess);
   return a == b;
 }
@@ -155,10 +116,7 @@ bool ConvertSidToStringSidW(const Sid& sid, WString& text) {
   QV_FAULT_POINT("LoadLibraryW", return false, u"advapi32.dll");
   QV_FAULT_POINT("GetProcAddress", return false, u"ConvertSidToStringSidW");
   QV_FAULT_POINT("ConvertSidToStringSidW", return false);
-  if (!IsValidSid(sid)) {
-    SetLastError(kErrorInvalidParameter);
-    return false;
-  }
+  if (!IsValidSid(sid)) return posix::Fail(kErrorInvalidParameter);
   // The own account is known to the prefix under the SID of its user.reg;
   // without one, it reads as any other account.
   if (sid == SidOfUid(static_cast<std::uint32_t>(::getuid())) && posix::AccountSidFromUserReg(text)) return true;
@@ -183,11 +141,11 @@ std::int32_t SHGetFolderPathW(int csidl, Handle token, WString& path) {
     if (opened == nullptr) return HresultFromWin32(kErrorInvalidHandle);
     uid = opened->uid;
   }
-  std::string name;
-  if (!AccountName(uid, name)) return HresultFromWin32(kErrorFileNotFound);
   // Wine keeps every account's folders below C:\users\<Linux user name>; a
   // folder the prefix does not have gets no answer.
-  WString folder = u"C:\\users\\" + Utf8ToWide(name) + suffix;
+  const passwd* account = ::getpwuid(uid);
+  if (account == nullptr || account->pw_name[0] == '\0') return HresultFromWin32(kErrorFileNotFound);
+  const WString folder = u"C:\\users\\" + Utf8ToWide(account->pw_name) + suffix;
   std::string host;
   std::uint32_t error = 0;
   if (!posix::ToHostPath(folder, host, error)) return HresultFromWin32(error);

@@ -3,7 +3,7 @@
 #include <cstdio>
 
 #include "platform/platform.h"
-#include "platform/posix/host.h"
+#include "platform/posix/host_paths.h"
 
 namespace qv::platform {
 

@@ -1,12 +1,11 @@
-// Last error, error texts and the few process-wide facts of the Linux host.
+// Last error, error texts and the Windows codes of errno values on the Linux host.
 #include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 
 #include "platform/platform.h"
-#include "platform/posix/host.h"
+#include "platform/posix/errors.h"
 
 namespace qv::platform {
 
@@ -67,25 +66,6 @@ void TerminateNow() {
 }
 
 namespace posix {
-
-std::string PrefixDirectory() {
-  std::string prefix;
-  if (const char* p = std::getenv("WINEPREFIX"); p != nullptr && *p != '\0') {
-    prefix = p;
-  } else {
-    const char* home = std::getenv("HOME");
-    prefix = std::string(home != nullptr ? home : "") + "/.wine";
-  }
-  while (prefix.size() > 1 && prefix.back() == '/') prefix.pop_back();
-  return prefix;
-}
-
-std::string ProcRoot() {
-  std::string root = "/proc";
-  if (const char* p = std::getenv("QUORVANE_PROC_ROOT"); p != nullptr && *p != '\0') root = p;
-  while (root.size() > 1 && root.back() == '/') root.pop_back();
-  return root;
-}
 
 std::uint32_t ErrnoToWinError(int err) {
   switch (err) {

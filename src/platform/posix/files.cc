@@ -4,33 +4,38 @@
 // with 5, CREATE_NEW on an existing file with 80, ...).
 #include <dirent.h>
 #include <fcntl.h>
-#include <linux/fs.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <climits>
-#include <cstring>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "platform/fault_injection.h"
 #include "platform/platform.h"
+#include "platform/posix/errors.h"
 #include "platform/posix/handles.h"
-#include "platform/posix/host.h"
+#include "platform/posix/host_paths.h"
+#include "platform/posix/name_order.h"
 
 namespace qv::platform {
 namespace {
 
+using posix::CodeForPath;
 using posix::ErrnoToWinError;
+using posix::Fail;
+
+constexpr std::uint32_t kGenericRead = 0x80000000u;
+constexpr std::uint32_t kOpenExisting = 3;
+constexpr std::uint32_t kOpenAlways = 4;
+constexpr std::uint32_t kTruncateExisting = 5;
 
 struct OpenFile {
   int fd = -1;
-  ~OpenFile() {
-    if (fd >= 0) ::close(fd);
-  }
+  ~OpenFile() { ::close(fd); }
 };
 
 struct Search {
@@ -38,87 +43,10 @@ struct Search {
   std::size_t next = 0;
 };
 
-bool Resolve(const WString& path, posix::HostEntry& entry) {
+// The host path of a Windows path; false with the last error set.
+bool Resolve(const WString& path, std::string& host, std::size_t* depth = nullptr) {
   std::uint32_t error = 0;
-  if (!posix::ResolveHostEntry(path, entry, error)) {
-    SetLastError(error);
-    return false;
-  }
-  return true;
-}
-
-bool Resolve(const WString& path, std::string& host, std::size_t& depth) {
-  std::uint32_t error = 0;
-  if (!posix::ResolveHostPath(path, host, depth, error)) {
-    SetLastError(error);
-    return false;
-  }
-  return true;
-}
-
-std::string HostParent(const std::string& host) {
-  std::size_t slash = host.find_last_of('/');
-  if (slash == std::string::npos || slash == 0) return "/";
-  return host.substr(0, slash);
-}
-
-// ENOENT says "file not found" when the folder that would hold the entry
-// exists, and "path not found" when it does not, as Windows tells them apart.
-std::uint32_t MissingCode(const std::string& host) {
-  struct stat st;
-  if (::stat(HostParent(host).c_str(), &st) == 0 && S_ISDIR(st.st_mode)) return kErrorFileNotFound;
-  return kErrorPathNotFound;
-}
-
-std::uint32_t CodeFor(int err, const std::string& host) {
-  if (err == ENOENT) return MissingCode(host);
-  return ErrnoToWinError(err);
-}
-
-// The code for an entry the resolution found absent.
-std::uint32_t MissingCode(const posix::HostEntry& entry) {
-  return entry.missingCode != 0 ? entry.missingCode : MissingCode(entry.path);
-}
-
-// The lstat of a resolved entry: from the resolution when it made one, else
-// asked now. False with errno set when there is none.
-bool EntryLstat(const posix::HostEntry& entry, struct stat& st) {
-  switch (entry.state) {
-    case posix::HostEntry::State::Present:
-      st = entry.status;
-      return true;
-    case posix::HostEntry::State::Absent:
-      errno = ENOENT;
-      return false;
-    case posix::HostEntry::State::Unknown:
-      break;
-  }
-  return ::lstat(entry.path.c_str(), &st) == 0;
-}
-
-// The same, following a link: the lstat stands for the stat of anything
-// that is no link.
-bool EntryStat(const posix::HostEntry& entry, struct stat& st) {
-  if (entry.state == posix::HostEntry::State::Present && !S_ISLNK(entry.status.st_mode)) {
-    st = entry.status;
-    return true;
-  }
-  if (entry.state == posix::HostEntry::State::Absent) {
-    errno = ENOENT;
-    return false;
-  }
-  return ::stat(entry.path.c_str(), &st) == 0;
-}
-
-// The Windows code for a failed EntryLstat or EntryStat.
-std::uint32_t EntryCode(int err, const posix::HostEntry& entry) {
-  if (err == ENOENT) return entry.state == posix::HostEntry::State::Absent ? MissingCode(entry) : MissingCode(entry.path);
-  return ErrnoToWinError(err);
-}
-
-bool Fail(std::uint32_t code) {
-  SetLastError(code);
-  return false;
+  return posix::ToHostPath(path, host, error, depth) || Fail(error);
 }
 
 // A file whose mode grants no write to anyone is read-only, as Wine reports
@@ -128,179 +56,71 @@ bool IsReadOnlyFile(const struct stat& st) {
   return S_ISREG(st.st_mode) && (st.st_mode & (S_IWUSR | S_IWGRP | S_IWOTH)) == 0;
 }
 
-// The attributes of an entry from its lstat.
-std::uint32_t AttributesFrom(struct stat st, const std::string& host, std::size_t depth, const std::string& name,
-                             bool& ok) {
-  ok = false;
-  std::uint32_t attributes = 0;
-  if (S_ISLNK(st.st_mode)) {
-    struct stat target;
-    bool live = ::stat(host.c_str(), &target) == 0;
-    if (depth == 0) {
-      // The link that maps a drive is the drive's root, not a reparse point.
-      if (!live) {
-        SetLastError(kErrorPathNotFound);
-        return kInvalidFileAttributes;
-      }
-      st = target;
-    } else {
-      attributes |= kFileAttributeReparsePoint;
-      attributes |= (live && S_ISDIR(target.st_mode)) ? kFileAttributeDirectory : kFileAttributeArchive;
-      ok = true;
-      return attributes;
-    }
+// The attributes of a host entry, kInvalidFileAttributes with the last error
+// set when it is not there. A link is a reparse point, except the one at
+// depth 0 that maps a drive: that is the drive's root.
+std::uint32_t AttributesOf(const std::string& host, std::size_t depth) {
+  struct stat st;
+  if (::lstat(host.c_str(), &st) != 0) return Fail(CodeForPath(errno, host)), kInvalidFileAttributes;
+  struct stat target;
+  const bool live = ::stat(host.c_str(), &target) == 0;
+  if (S_ISLNK(st.st_mode) && depth > 0) {
+    return kFileAttributeReparsePoint |
+           (live && S_ISDIR(target.st_mode) ? kFileAttributeDirectory : kFileAttributeArchive);
   }
-  attributes |= S_ISDIR(st.st_mode) ? kFileAttributeDirectory : kFileAttributeArchive;
+  if (S_ISLNK(st.st_mode) && !live) return Fail(kErrorPathNotFound), kInvalidFileAttributes;
+  if (S_ISLNK(st.st_mode)) st = target;
+  std::uint32_t attributes = S_ISDIR(st.st_mode) ? kFileAttributeDirectory : kFileAttributeArchive;
   if (IsReadOnlyFile(st)) attributes |= kFileAttributeReadonly;
-  if (!name.empty() && name[0] == '.' && name != "." && name != "..") attributes |= kFileAttributeHidden;
-  ok = true;
+  const std::string name = host.substr(host.find_last_of('/') + 1);
+  if (name.starts_with('.') && name != "." && name != "..") attributes |= kFileAttributeHidden;
   return attributes;
 }
 
-std::uint32_t AttributesOf(const std::string& host, std::size_t depth, const std::string& name, bool& ok) {
-  ok = false;
-  struct stat st;
-  if (::lstat(host.c_str(), &st) != 0) {
-    SetLastError(CodeFor(errno, host));
-    return kInvalidFileAttributes;
-  }
-  return AttributesFrom(st, host, depth, name, ok);
-}
-
-std::string LastName(const std::string& host) {
-  std::size_t slash = host.find_last_of('/');
-  return slash == std::string::npos ? host : host.substr(slash + 1);
-}
-
-bool SyncFolder(const std::string& folder) {
-  int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) return false;
-  bool ok = ::fsync(fd) == 0;
+// Syncs the folder that holds a host entry.
+void SyncFolderOf(const std::string& host) {
+  const int fd = ::open(std::filesystem::path(host).parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return;
+  ::fsync(fd);
   ::close(fd);
-  return ok;
 }
 
-// File systems that have refused a reflink: a copy onto them goes straight
-// to copy_file_range.
-std::vector<dev_t>& NoReflinkDevices() {
-  static std::vector<dev_t>* devices = new std::vector<dev_t>;
-  return *devices;
+// Writes all of `data` to `fd`; false with errno set.
+bool WriteAll(int fd, const char* data, std::size_t size) {
+  for (std::size_t done = 0; done < size;) {
+    const ssize_t n = ::write(fd, data + done, size - done);
+    if (n < 0 && errno != EINTR) return false;
+    if (n > 0) done += static_cast<std::size_t>(n);
+  }
+  return true;
 }
 
-// A reflink needs both files on one file system, so a refusal for want of
-// support (a copy across file systems is refused otherwise, with EXDEV) is
-// remembered by the source's device.
-bool TryReflink(int in, int out, dev_t sourceDevice) {
-  std::vector<dev_t>& refused = NoReflinkDevices();
-  for (dev_t device : refused) {
-    if (device == sourceDevice) return false;
+// Copies a file's bytes over `to`, made with the source's mode when new, and
+// keeps the source's last write time, as CopyFileW does. A copy that fails
+// leaves what the truncating open and the bytes written so far left.
+bool CopyFileBytes(const std::string& from, const std::string& to, std::uint32_t& error) {
+  const int in = ::open(from.c_str(), O_RDONLY | O_CLOEXEC);
+  struct stat st;
+  if (in < 0 || ::fstat(in, &st) != 0) {
+    error = CodeForPath(errno, from);
+    if (in >= 0) ::close(in);
+    return false;
   }
-  if (::ioctl(out, FICLONE, in) == 0) return true;
-  if (errno == EOPNOTSUPP && refused.size() < 64) refused.push_back(sourceDevice);
-  return false;
-}
-
-// Copies one regular file's bytes, by reflink where the file system has one,
-// else by copy_file_range in the kernel, else by read and write, to the start
-// of `out`. `size` and `sourceDevice` are the source's. `copied` tells how
-// many bytes of the source lie at the start of `out`, also after a failure.
-bool CopyBytes(int in, int out, off_t size, dev_t sourceDevice, off_t& copied, std::uint32_t& error) {
-  copied = 0;
-  if (TryReflink(in, out, sourceDevice)) {
-    copied = size;
-    return true;
-  }
-  bool fallback = false;
-  while (copied < size) {
-    ssize_t n = ::copy_file_range(in, nullptr, out, nullptr, static_cast<std::size_t>(size - copied), 0);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      if (errno == EXDEV || errno == ENOSYS || errno == EOPNOTSUPP || errno == EINVAL) {
-        fallback = true;
-        break;
-      }
-      error = ErrnoToWinError(errno);
-      return false;
-    }
-    if (n == 0) break;
-    copied += n;
-  }
-  if (!fallback) return true;
-  copied = 0;
-  if (::lseek(in, 0, SEEK_SET) < 0 || ::ftruncate(out, 0) != 0 || ::lseek(out, 0, SEEK_SET) < 0) {
-    error = ErrnoToWinError(errno);
+  const int out = ::open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, st.st_mode & 07777);
+  if (out < 0) {
+    error = CodeForPath(errno, to);
+    ::close(in);
     return false;
   }
   std::vector<char> buffer(1 << 16);
-  for (;;) {
-    ssize_t n = ::read(in, buffer.data(), buffer.size());
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      error = ErrnoToWinError(errno);
-      return false;
-    }
-    if (n == 0) return true;
-    for (ssize_t done = 0; done < n;) {
-      ssize_t w = ::write(out, buffer.data() + done, static_cast<std::size_t>(n - done));
-      if (w < 0) {
-        if (errno == EINTR) continue;
-        error = ErrnoToWinError(errno);
-        return false;
-      }
-      done += w;
-      copied += w;
-    }
+  ssize_t n = 0;
+  while ((n = ::read(in, buffer.data(), buffer.size())) > 0 || (n < 0 && errno == EINTR)) {
+    if (n > 0 && !WriteAll(out, buffer.data(), static_cast<std::size_t>(n))) break;
   }
-}
-
-// Copies a regular file over `to`. A new file is created. An existing one is
-// written over in place and then cut to the copy's length: truncating it to
-// nothing first would have ext4 start writing it back to the disk the moment
-// it is closed (its guard for files that are rewritten without a sync), a
-// wait for every replaced file that a copy does not need. Either way the
-// file ends as the truncating open would leave it, also after a failure: the
-// bytes copied so far and nothing else.
-bool CopyRegularFile(const std::string& from, const std::string& to, bool replacing, std::uint32_t& error) {
-  int in = ::open(from.c_str(), O_RDONLY | O_CLOEXEC);
-  if (in < 0) {
-    error = CodeFor(errno, from);
-    return false;
-  }
-  struct stat st;
-  if (::fstat(in, &st) != 0) {
-    error = ErrnoToWinError(errno);
-    ::close(in);
-    return false;
-  }
-  int out = ::open(to.c_str(), O_WRONLY | O_CREAT | (replacing ? 0 : O_TRUNC) | O_CLOEXEC, st.st_mode & 07777);
-  if (out < 0) {
-    error = CodeFor(errno, to);
-    ::close(in);
-    return false;
-  }
-  // The length the file had when opened: more than the copy brings is cut.
-  off_t previous = 0;
-  if (replacing) {
-    struct stat opened;
-    if (::fstat(out, &opened) != 0) {
-      error = ErrnoToWinError(errno);
-      ::close(out);
-      ::close(in);
-      return false;
-    }
-    previous = S_ISREG(opened.st_mode) ? opened.st_size : 0;
-  }
-  off_t copied = 0;
-  bool ok = CopyBytes(in, out, st.st_size, st.st_dev, copied, error);
-  if (previous > copied && ::ftruncate(out, copied) != 0 && ok) {
-    error = ErrnoToWinError(errno);
-    ok = false;
-  }
-  if (ok) {
-    // CopyFileW keeps the last write time.
-    struct timespec times[2] = {st.st_atim, st.st_mtim};
-    ::futimens(out, times);
-  }
+  bool ok = n == 0;
+  const struct timespec times[2] = {st.st_atim, st.st_mtim};
+  ok = ok && ::futimens(out, times) == 0;
+  if (!ok) error = ErrnoToWinError(errno);
   if (::close(out) != 0 && ok) {
     error = ErrnoToWinError(errno);
     ok = false;
@@ -309,76 +129,54 @@ bool CopyRegularFile(const std::string& from, const std::string& to, bool replac
   return ok;
 }
 
-// Whether an entry is a folder to Windows: a folder, or a link to one.
-bool IsFolder(const posix::HostEntry& entry, const struct stat& lstatOfEntry) {
-  if (S_ISDIR(lstatOfEntry.st_mode)) return true;
-  struct stat target;
-  return S_ISLNK(lstatOfEntry.st_mode) && ::stat(entry.path.c_str(), &target) == 0 && S_ISDIR(target.st_mode);
-}
-
-// Copies a file, or a link as a link, for a move across file systems.
-bool CopyEntry(const std::string& from, const struct stat& st, const std::string& to, std::uint32_t& error) {
-  if (!S_ISLNK(st.st_mode)) return CopyRegularFile(from, to, false, error);
-  std::vector<char> buffer(PATH_MAX + 1);
-  ssize_t n = ::readlink(from.c_str(), buffer.data(), PATH_MAX);
-  if (n < 0 || ::symlink(std::string(buffer.data(), static_cast<std::size_t>(n)).c_str(), to.c_str()) != 0) {
+// A move to another file system: the file (or link, as a link) is copied
+// to a name of its own first, so that a copy that fails leaves the target
+// as it was, then renamed over it; the source goes last.
+bool MoveAcross(const std::string& source, const struct stat& st, const std::string& target) {
+  const std::string staging = target + ".qv-move-" + std::to_string(::getpid());
+  std::uint32_t error = 0;
+  std::error_code linkError;
+  if (S_ISLNK(st.st_mode)) std::filesystem::copy_symlink(source, staging, linkError);
+  if (linkError) error = ErrnoToWinError(linkError.value());
+  bool copied = S_ISLNK(st.st_mode) ? !linkError : CopyFileBytes(source, staging, error);
+  if (copied && ::rename(staging.c_str(), target.c_str()) != 0) {
     error = ErrnoToWinError(errno);
-    return false;
+    copied = false;
   }
+  if (!copied) {
+    ::unlink(staging.c_str());
+    return Fail(error);
+  }
+  ::unlink(source.c_str());
   return true;
-}
-
-// Matches a FindFirstFileW pattern ("*", "?") against a name, ignoring the
-// case of ASCII letters.
-bool MatchesPattern(const WString& pattern, const WString& name, std::size_t p = 0, std::size_t n = 0) {
-  auto fold = [](WChar c) { return (c >= u'A' && c <= u'Z') ? static_cast<WChar>(c + 32) : c; };
-  while (p < pattern.size()) {
-    if (pattern[p] == u'*') {
-      for (std::size_t k = n; k <= name.size(); ++k) {
-        if (MatchesPattern(pattern, name, p + 1, k)) return true;
-      }
-      return false;
-    }
-    if (n >= name.size()) return false;
-    if (pattern[p] != u'?' && fold(pattern[p]) != fold(name[n])) return false;
-    ++p;
-    ++n;
-  }
-  return n == name.size();
 }
 
 }  // namespace
 
 std::uint32_t GetFileAttributesW(const WString& path) {
   QV_FAULT_POINT("GetFileAttributesW", return kInvalidFileAttributes, path);
-  posix::HostEntry entry;
-  if (!Resolve(path, entry)) return kInvalidFileAttributes;
-  struct stat st;
-  if (!EntryLstat(entry, st)) {
-    SetLastError(EntryCode(errno, entry));
-    return kInvalidFileAttributes;
-  }
-  bool ok = false;
-  std::uint32_t attributes = AttributesFrom(st, entry.path, entry.depth, LastName(entry.path), ok);
-  return ok ? attributes : kInvalidFileAttributes;
+  std::string host;
+  std::size_t depth = 0;
+  if (!Resolve(path, host, &depth)) return kInvalidFileAttributes;
+  return AttributesOf(host, depth);
 }
 
 bool GetFileAttributesExW(const WString& path, NodeType& type) {
   QV_FAULT_POINT("GetFileAttributesExW", return false, path);
-  posix::HostEntry entry;
-  if (!Resolve(path, entry)) return false;
+  std::string host;
+  if (!Resolve(path, host)) return false;
   struct stat st;
-  if (!EntryStat(entry, st)) return Fail(EntryCode(errno, entry));
+  if (::stat(host.c_str(), &st) != 0) return Fail(CodeForPath(errno, host));
   type = S_ISDIR(st.st_mode) ? NodeType::Directory : S_ISREG(st.st_mode) ? NodeType::RegularFile : NodeType::Other;
   return true;
 }
 
 bool SetFileAttributesW(const WString& path, std::uint32_t attributes) {
   QV_FAULT_POINT("SetFileAttributesW", return false, path);
-  posix::HostEntry entry;
-  if (!Resolve(path, entry)) return false;
+  std::string host;
+  if (!Resolve(path, host)) return false;
   struct stat st;
-  if (!EntryLstat(entry, st)) return Fail(EntryCode(errno, entry));
+  if (::lstat(host.c_str(), &st) != 0) return Fail(CodeForPath(errno, host));
   // Only a file's read-only bit has a place on the host, in its mode: taken
   // away, the owner may write; set, nobody may. Hidden comes from a name
   // beginning with a dot, and like system and archive it is not kept, as
@@ -391,146 +189,113 @@ bool SetFileAttributesW(const WString& path, std::uint32_t attributes) {
   } else if (IsReadOnlyFile(st)) {
     wanted |= S_IWUSR;
   }
-  if (wanted != mode && ::chmod(entry.path.c_str(), wanted) != 0) return Fail(CodeFor(errno, entry.path));
+  if (wanted != mode && ::chmod(host.c_str(), wanted) != 0) return Fail(CodeForPath(errno, host));
   return true;
 }
 
 bool CreateDirectoryW(const WString& path) {
   QV_FAULT_POINT("CreateDirectoryW", return false, path);
-  posix::HostEntry entry;
-  if (!Resolve(path, entry)) return false;
-  if (entry.depth == 0) return Fail(kErrorAccessDenied);
+  std::string host;
+  std::size_t depth = 0;
+  if (!Resolve(path, host, &depth)) return false;
+  if (depth == 0) return Fail(kErrorAccessDenied);
   // Whatever is there already, even a dangling link, makes mkdir fail so.
-  if (entry.state == posix::HostEntry::State::Present) return Fail(kErrorAlreadyExists);
-  if (::mkdir(entry.path.c_str(), 0777) != 0) {
-    if (errno == ENOENT) return Fail(kErrorPathNotFound);
-    return Fail(ErrnoToWinError(errno));
-  }
+  if (::mkdir(host.c_str(), 0777) != 0) return Fail(errno == ENOENT ? kErrorPathNotFound : ErrnoToWinError(errno));
   return true;
 }
 
 bool MoveFileExW(const WString& from, const WString& to, std::uint32_t flags) {
   QV_FAULT_POINT("MoveFileExW", return false, from, to);
-  posix::HostEntry sourceEntry;
-  posix::HostEntry targetEntry;
-  if (!Resolve(from, sourceEntry) || !Resolve(to, targetEntry)) return false;
-  const std::string& source = sourceEntry.path;
-  const std::string& target = targetEntry.path;
+  std::string source;
+  std::string target;
+  if (!Resolve(from, source) || !Resolve(to, target)) return false;
   struct stat sourceStat;
-  if (!EntryLstat(sourceEntry, sourceStat)) return Fail(EntryCode(errno, sourceEntry));
+  if (::lstat(source.c_str(), &sourceStat) != 0) return Fail(CodeForPath(errno, source));
   struct stat targetStat;
-  if (EntryLstat(targetEntry, targetStat)) {
-    // A folder at the target is never replaced, even when empty; a file is,
-    // but only with MOVEFILE_REPLACE_EXISTING. Renaming an entry onto itself
-    // (a change of case) is allowed.
-    bool same = sourceStat.st_dev == targetStat.st_dev && sourceStat.st_ino == targetStat.st_ino;
-    if (!same) {
-      if (S_ISDIR(targetStat.st_mode)) return Fail(kErrorAccessDenied);
-      if ((flags & kMoveFileReplaceExisting) == 0) return Fail(kErrorAlreadyExists);
-      if (S_ISDIR(sourceStat.st_mode)) return Fail(kErrorAccessDenied);
-    }
+  // A folder at the target is never replaced, even when empty; a file is,
+  // with MOVEFILE_REPLACE_EXISTING, unless it is read-only. Renaming an
+  // entry onto itself (a change of case) is allowed.
+  if (::lstat(target.c_str(), &targetStat) == 0 &&
+      (sourceStat.st_dev != targetStat.st_dev || sourceStat.st_ino != targetStat.st_ino)) {
+    if (S_ISDIR(targetStat.st_mode)) return Fail(kErrorAccessDenied);
+    if ((flags & kMoveFileReplaceExisting) == 0) return Fail(kErrorAlreadyExists);
+    if (S_ISDIR(sourceStat.st_mode) || IsReadOnlyFile(targetStat)) return Fail(kErrorAccessDenied);
   }
   if (::rename(source.c_str(), target.c_str()) != 0) {
-    int err = errno;
-    if (err != EXDEV) {
-      if (err == ENOENT) return Fail(kErrorPathNotFound);
-      if (err == ENOTDIR || err == EISDIR || err == ENOTEMPTY || err == EEXIST) return Fail(kErrorAccessDenied);
-      return Fail(ErrnoToWinError(err));
-    }
-    // Windows moves no folder to another volume, whatever the flags; a
-    // file it copies there and deletes when allowed to.
-    if ((flags & kMoveFileCopyAllowed) == 0 || IsFolder(sourceEntry, sourceStat)) return Fail(kErrorNotSameDevice);
-    // The copy goes to a name of its own first, so that one that fails
-    // leaves the target as it was.
-    std::string staging = target + ".qv-move-" + std::to_string(::getpid());
-    std::uint32_t error = 0;
-    if (!CopyEntry(source, sourceStat, staging, error)) {
-      ::unlink(staging.c_str());
-      return Fail(error);
-    }
-    if (::rename(staging.c_str(), target.c_str()) != 0) {
-      std::uint32_t code = ErrnoToWinError(errno);
-      ::unlink(staging.c_str());
-      return Fail(code);
-    }
-    ::unlink(source.c_str());
+    const int err = errno;
+    if (err == ENOENT) return Fail(kErrorPathNotFound);
+    if (err == ENOTDIR || err == EISDIR || err == ENOTEMPTY || err == EEXIST) return Fail(kErrorAccessDenied);
+    if (err != EXDEV) return Fail(ErrnoToWinError(err));
+    // Windows moves no folder to another volume, whatever the flags; a file
+    // it copies there and deletes when allowed to.
+    struct stat followed;
+    const bool folder = ::stat(source.c_str(), &followed) == 0 && S_ISDIR(followed.st_mode);
+    if ((flags & kMoveFileCopyAllowed) == 0 || folder) return Fail(kErrorNotSameDevice);
+    if (!MoveAcross(source, sourceStat, target)) return false;
   }
   if ((flags & kMoveFileWriteThrough) != 0) {
-    SyncFolder(HostParent(target));
-    if (HostParent(source) != HostParent(target)) SyncFolder(HostParent(source));
+    SyncFolderOf(target);
+    SyncFolderOf(source);
   }
   return true;
 }
 
 bool CopyFileW(const WString& from, const WString& to, bool failIfExists) {
   QV_FAULT_POINT("CopyFileW", return false, from, to);
-  posix::HostEntry sourceEntry;
-  posix::HostEntry targetEntry;
-  if (!Resolve(from, sourceEntry) || !Resolve(to, targetEntry)) return false;
-  const std::string& source = sourceEntry.path;
-  const std::string& target = targetEntry.path;
+  std::string source;
+  std::string target;
+  if (!Resolve(from, source) || !Resolve(to, target)) return false;
   struct stat st;
-  if (!EntryStat(sourceEntry, st)) return Fail(EntryCode(errno, sourceEntry));
+  if (::stat(source.c_str(), &st) != 0) return Fail(CodeForPath(errno, source));
   if (S_ISDIR(st.st_mode)) return Fail(kErrorAccessDenied);
   struct stat existing;
-  bool replacing = false;
-  if (EntryStat(targetEntry, existing)) {
+  if (::stat(target.c_str(), &existing) == 0) {
     if (S_ISDIR(existing.st_mode)) return Fail(kErrorAccessDenied);
     if (failIfExists) return Fail(kErrorFileExists);
     if (existing.st_dev == st.st_dev && existing.st_ino == st.st_ino) return Fail(kErrorSharingViolation);
     if (IsReadOnlyFile(existing)) return Fail(kErrorAccessDenied);
-    replacing = S_ISREG(existing.st_mode);
   }
   std::uint32_t error = 0;
-  if (!CopyRegularFile(source, target, replacing, error)) return Fail(error);
-  return true;
+  return CopyFileBytes(source, target, error) || Fail(error);
 }
 
 bool DeleteFileW(const WString& path) {
   QV_FAULT_POINT("DeleteFileW", return false, path);
-  posix::HostEntry entry;
-  if (!Resolve(path, entry)) return false;
+  std::string host;
+  if (!Resolve(path, host)) return false;
   struct stat st;
-  if (!EntryLstat(entry, st)) return Fail(EntryCode(errno, entry));
+  if (::lstat(host.c_str(), &st) != 0) return Fail(CodeForPath(errno, host));
   if (S_ISDIR(st.st_mode)) return Fail(kErrorAccessDenied);
-  if (::unlink(entry.path.c_str()) != 0) return Fail(CodeFor(errno, entry.path));
+  if (::unlink(host.c_str()) != 0) return Fail(CodeForPath(errno, host));
   return true;
 }
 
 Handle CreateFileW(const WString& path, std::uint32_t desiredAccess, std::uint32_t /*shareMode*/,
                    std::uint32_t creationDisposition, std::uint32_t /*flagsAndAttributes*/) {
   QV_FAULT_POINT("CreateFileW", return kInvalidHandle, path);
-  posix::HostEntry entry;
-  if (!Resolve(path, entry)) return kInvalidHandle;
-  const std::string& host = entry.path;
-  int flags = O_CLOEXEC;
-  bool read = (desiredAccess & 0x80000000u) != 0;
-  bool write = (desiredAccess & kGenericWrite) != 0;
-  flags |= read && write ? O_RDWR : write ? O_WRONLY : O_RDONLY;
+  std::string host;
+  if (!Resolve(path, host)) return kInvalidHandle;
+  const bool read = (desiredAccess & kGenericRead) != 0;
+  const bool write = (desiredAccess & kGenericWrite) != 0;
+  int flags = O_CLOEXEC | (read && write ? O_RDWR : write ? O_WRONLY : O_RDONLY);
   switch (creationDisposition) {
     case kCreateNew: flags |= O_CREAT | O_EXCL; break;
     case kCreateAlways: flags |= O_CREAT | O_TRUNC; break;
-    case 3: break;                       // OPEN_EXISTING
-    case 4: flags |= O_CREAT; break;     // OPEN_ALWAYS
-    case 5: flags |= O_TRUNC; break;     // TRUNCATE_EXISTING
-    default: SetLastError(kErrorInvalidParameter); return kInvalidHandle;
+    case kOpenExisting: break;
+    case kOpenAlways: flags |= O_CREAT; break;
+    case kTruncateExisting: flags |= O_TRUNC; break;
+    default: return Fail(kErrorInvalidParameter), kInvalidHandle;
   }
+  // A folder is never opened so; a read-only file is not opened for writing
+  // nor cut short (CREATE_NEW finds it there first).
   struct stat st;
-  if (EntryStat(entry, st)) {
-    // A folder is never opened so; a read-only file is not opened for
-    // writing nor cut short (CREATE_NEW finds it there first).
-    bool truncating = creationDisposition == kCreateAlways || creationDisposition == 5;
-    if (S_ISDIR(st.st_mode) ||
-        (creationDisposition != kCreateNew && IsReadOnlyFile(st) && (write || truncating))) {
-      SetLastError(kErrorAccessDenied);
-      return kInvalidHandle;
-    }
+  const bool truncating = creationDisposition == kCreateAlways || creationDisposition == kTruncateExisting;
+  if (::stat(host.c_str(), &st) == 0 &&
+      (S_ISDIR(st.st_mode) || (creationDisposition != kCreateNew && IsReadOnlyFile(st) && (write || truncating)))) {
+    return Fail(kErrorAccessDenied), kInvalidHandle;
   }
-  int fd = ::open(host.c_str(), flags, 0666);
-  if (fd < 0) {
-    SetLastError(errno == EEXIST ? kErrorFileExists : CodeFor(errno, host));
-    return kInvalidHandle;
-  }
+  const int fd = ::open(host.c_str(), flags, 0666);
+  if (fd < 0) return Fail(errno == EEXIST ? kErrorFileExists : CodeForPath(errno, host)), kInvalidHandle;
   auto file = std::make_shared<OpenFile>();
   file->fd = fd;
   return posix::RegisterHandle(posix::HandleKind::File, file);
@@ -541,15 +306,8 @@ bool WriteFile(Handle file, const void* data, std::uint32_t size, std::uint32_t&
   written = 0;
   auto* open = posix::LookUpHandle<OpenFile>(file, posix::HandleKind::File);
   if (open == nullptr) return Fail(kErrorInvalidHandle);
-  const char* bytes = static_cast<const char*>(data);
-  while (written < size) {
-    ssize_t n = ::write(open->fd, bytes + written, size - written);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return Fail(ErrnoToWinError(errno));
-    }
-    written += static_cast<std::uint32_t>(n);
-  }
+  if (!WriteAll(open->fd, static_cast<const char*>(data), size)) return Fail(ErrnoToWinError(errno));
+  written = size;
   return true;
 }
 
@@ -561,49 +319,41 @@ bool FlushFileBuffers(Handle file) {
   return true;
 }
 
+// Lists a whole folder ("folder\*"), or finds one name in it without regard
+// to case: the tool asks nothing else, and other wildcards match no name.
 Handle FindFirstFileW(const WString& pattern, FindData& data) {
   QV_FAULT_POINT("FindFirstFileW", return kInvalidHandle, pattern);
-  std::size_t cut = pattern.find_last_of(u"\\/");
-  WString folder = cut == WString::npos ? WString(u".") : pattern.substr(0, cut + 1);
-  WString mask = cut == WString::npos ? pattern : pattern.substr(cut + 1);
-  if (mask.empty()) {
-    SetLastError(kErrorFileNotFound);
-    return kInvalidHandle;
-  }
+  const std::size_t cut = pattern.find_last_of(u"\\/");
+  const WString folder = cut == WString::npos ? WString(u".") : pattern.substr(0, cut + 1);
+  const WString mask = cut == WString::npos ? pattern : pattern.substr(cut + 1);
   std::string host;
   std::size_t depth = 0;
-  if (!Resolve(folder, host, depth)) return kInvalidHandle;
+  if (mask.empty()) return Fail(kErrorFileNotFound), kInvalidHandle;
+  if (!Resolve(folder, host, &depth)) return kInvalidHandle;
   DIR* dir = ::opendir(host.c_str());
   if (dir == nullptr) {
-    SetLastError(errno == ENOENT || errno == ENOTDIR ? kErrorPathNotFound : ErrnoToWinError(errno));
-    return kInvalidHandle;
+    return Fail(errno == ENOENT || errno == ENOTDIR ? kErrorPathNotFound : ErrnoToWinError(errno)), kInvalidHandle;
   }
-  auto search = std::make_shared<Search>();
   // "." and ".." first, then the names in the order Windows lists them, not
-  // the order of the Linux file system (a hash order on ext4).
-  for (const char16_t* dots : {u".", u".."}) {
-    if (MatchesPattern(mask, dots)) search->entries.push_back({kFileAttributeDirectory, dots});
-  }
-  std::vector<posix::ListedName> names;
-  while (dirent* e = ::readdir(dir)) {
-    std::string name = e->d_name;
-    if (name == "." || name == "..") continue;
-    WString wide = Utf8ToWide(name);
-    if (MatchesPattern(mask, wide)) names.push_back({std::move(wide), std::move(name), {}});
+  // that of the Linux file system (a hash order on ext4).
+  std::vector<std::pair<WString, std::string>> names;
+  while (const dirent* entry = ::readdir(dir)) {
+    const WString name = Utf8ToWide(entry->d_name);
+    if (name == u"." || name == u"..") continue;
+    if (mask == u"*" || posix::UpcaseName(name) == posix::UpcaseName(mask)) names.emplace_back(name, entry->d_name);
   }
   ::closedir(dir);
-  posix::SortAsListed(names);
-  std::string base = host == "/" ? "" : host;
-  for (posix::ListedName& name : names) {
-    bool ok = false;
-    std::uint32_t attributes = AttributesOf(base + "/" + name.host, depth + 1, name.host, ok);
-    if (!ok) continue;  // vanished since the listing
-    search->entries.push_back({attributes, std::move(name.name)});
+  std::sort(names.begin(), names.end(),
+            [](const auto& a, const auto& b) { return posix::ListsBefore(a.first, b.first); });
+  auto search = std::make_shared<Search>();
+  if (mask == u"*") search->entries = {{kFileAttributeDirectory, u"."}, {kFileAttributeDirectory, u".."}};
+  const std::string base = host == "/" ? "" : host;
+  for (const auto& [name, hostName] : names) {
+    const std::uint32_t attributes = AttributesOf(base + "/" + hostName, depth + 1);
+    // One that vanished since the listing is left out.
+    if (attributes != kInvalidFileAttributes) search->entries.push_back({attributes, name});
   }
-  if (search->entries.empty()) {
-    SetLastError(kErrorFileNotFound);
-    return kInvalidHandle;
-  }
+  if (search->entries.empty()) return Fail(kErrorFileNotFound), kInvalidHandle;
   data = search->entries[0];
   search->next = 1;
   return posix::RegisterHandle(posix::HandleKind::Search, search);
@@ -628,10 +378,7 @@ std::uint32_t GetFullPathNameW(const WString& fileName, std::uint32_t bufferLeng
   QV_FAULT_POINT("GetFullPathNameW", return 0, fileName);
   WString full;
   std::uint32_t error = 0;
-  if (!posix::FullPathName(fileName, full, error)) {
-    SetLastError(error);
-    return 0;
-  }
+  if (!posix::FullPathName(fileName, full, error)) return Fail(error), 0;
   if (full.size() + 1 > bufferLength) return static_cast<std::uint32_t>(full.size() + 1);
   result = full;
   return static_cast<std::uint32_t>(full.size());
@@ -639,17 +386,11 @@ std::uint32_t GetFullPathNameW(const WString& fileName, std::uint32_t bufferLeng
 
 std::uint32_t GetModuleFileNameW(WString& path, std::uint32_t capacity) {
   QV_FAULT_POINT("GetModuleFileNameW", return 0);
-  std::vector<char> buffer(PATH_MAX + 1);
-  ssize_t n = ::readlink("/proc/self/exe", buffer.data(), PATH_MAX);
-  if (n <= 0) {
-    SetLastError(ErrnoToWinError(errno));
-    return 0;
-  }
+  std::error_code error;
+  const std::string self = std::filesystem::read_symlink("/proc/self/exe", error).string();
+  if (error) return Fail(ErrnoToWinError(error.value())), 0;
   WString windows;
-  if (!posix::ToWindowsPath(std::string(buffer.data(), static_cast<std::size_t>(n)), windows)) {
-    SetLastError(kErrorPathNotFound);
-    return 0;
-  }
+  if (!posix::ToWindowsPath(self, windows)) return Fail(kErrorPathNotFound), 0;
   if (capacity == 0) return 0;
   if (windows.size() >= capacity) {
     path = windows.substr(0, capacity - 1);

@@ -3,7 +3,7 @@
 #include <map>
 
 #include "platform/fault_injection.h"
-#include "platform/posix/proc_files.h"
+#include "platform/posix/errors.h"
 
 namespace qv::platform::posix {
 namespace {
@@ -13,42 +13,34 @@ struct Entry {
   std::shared_ptr<void> object;
 };
 
-std::map<Handle, Entry>& Table() {
-  static std::map<Handle, Entry> table;
-  return table;
-}
-
+std::map<Handle, Entry> table;
 Handle nextHandle = 0x100;
 
 }  // namespace
 
 Handle RegisterHandle(HandleKind kind, std::shared_ptr<void> object) {
-  Handle handle = nextHandle;
   nextHandle += 4;
-  Table().emplace(handle, Entry{kind, std::move(object)});
-  return handle;
+  table.emplace(nextHandle, Entry{kind, std::move(object)});
+  return nextHandle;
 }
 
 void* LookUpHandleObject(Handle handle, HandleKind kind) {
-  auto it = Table().find(handle);
-  if (it == Table().end() || it->second.kind != kind) return nullptr;
+  auto it = table.find(handle);
+  if (it == table.end() || it->second.kind != kind) return nullptr;
   return it->second.object.get();
 }
 
 bool ReleaseHandle(Handle handle) {
-  auto it = Table().find(handle);
-  if (it == Table().end()) return false;
-  // Destroy outside the table, in case the object's clean-up looks at it.
+  auto it = table.find(handle);
+  if (it == table.end()) return false;
+  // Destroyed outside the table, in case the object's clean-up looks at it.
   std::shared_ptr<void> object = std::move(it->second.object);
-  Table().erase(it);
-  object.reset();
+  table.erase(it);
   return true;
 }
 
 bool ReleaseHandleOfKind(Handle handle, HandleKind kind) {
-  auto it = Table().find(handle);
-  if (it == Table().end() || it->second.kind != kind) return false;
-  return ReleaseHandle(handle);
+  return LookUpHandleObject(handle, kind) != nullptr && ReleaseHandle(handle);
 }
 
 }  // namespace qv::platform::posix
@@ -59,11 +51,7 @@ bool CloseHandle(Handle handle) {
   QV_FAULT_POINT("CloseHandle", return false);
   // The own process's pseudo-handle needs no closing.
   if (handle == posix::kCurrentProcessHandle) return true;
-  if (!posix::ReleaseHandle(handle)) {
-    SetLastError(kErrorInvalidHandle);
-    return false;
-  }
-  return true;
+  return posix::ReleaseHandle(handle) || posix::Fail(kErrorInvalidHandle);
 }
 
 }  // namespace qv::platform

@@ -1,284 +1,148 @@
-// Named mutexes: a robust, process-shared pthread mutex in POSIX shared
-// memory.
+// Named mutexes on the Linux host: one lock file each in /dev/shm, named
+// after the account, the Windows session and the prefix (Wine keeps named
+// objects in the server of one prefix), so that other accounts, sessions or
+// prefixes never meet. Three bytes of the file, with fcntl locks, which the
+// kernel drops when their process ends however it ends:
+//   byte 0  write-locked by the owner;
+//   byte 1  read-locked by every process that holds a handle;
+//   byte 2  not locked: 1 while an owner has not released the mutex.
+// A process that takes byte 0 and finds byte 2 still 1 follows an owner that
+// died owning it: WAIT_ABANDONED. A Windows named mutex lives only while some
+// process holds a handle to it, so a process that opens the mutex and can
+// write-lock byte 1 is alone with it, and clears byte 2: a run started after
+// its holder died alone finds a fresh mutex, while a run that waited (and
+// held a handle) meanwhile gets WAIT_ABANDONED.
 //
-// The shared object's name carries the uid, the Windows session (unless the
-// name is "Global\...") and a hash of the mutex name, so a "Local\" mutex is
-// one per account and session, as on Windows.
-//
-// A Windows named mutex lives only while some process holds a handle to it.
-// The segment therefore keeps a table of the processes that hold a handle (pid
-// and start time, so a reused pid is not taken for its predecessor). Each
-// open takes the segment's file lock, drops the holders that have ended, and
-// when none is left makes the mutex anew: a run started after its holder died
-// finds a free mutex, while a run that was already waiting when the holder
-// died gets WAIT_ABANDONED from the robust mutex. The last handle closed
-// removes the shared object.
-//
-// Ownership belongs to the process (the tool has one thread). A process that
-// owns the mutex stays in the holder table even when it has closed its
-// handles, as a Windows thread keeps owning a mutex after CloseHandle, so the
-// mutex is not made anew under it; its end then abandons the mutex.
+// Ownership belongs to the process (the tool has one thread). As a Windows
+// thread keeps owning a mutex after CloseHandle, the file stays open while
+// the process owns it, and its end then abandons the mutex.
 #include <fcntl.h>
-#include <pthread.h>
-#include <sys/file.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
+#include <chrono>
 #include <map>
 #include <memory>
-#include <mutex>
-#include <new>
+#include <thread>
 
 #include "platform/fault_injection.h"
 #include "platform/platform.h"
+#include "platform/posix/errors.h"
 #include "platform/posix/handles.h"
-#include "platform/posix/host.h"
-#include "platform/posix/proc_files.h"
+#include "platform/posix/host_roots.h"
+#include "platform/posix/processes.h"
 
 namespace qv::platform {
 namespace {
 
 constexpr std::uint32_t kErrorNotOwner = 288;
-constexpr std::uint32_t kInfinite = 0xFFFFFFFFu;
+constexpr off_t kOwnerByte = 0;
+constexpr off_t kHandlesByte = 1;
+constexpr off_t kHeldByte = 2;
 
-constexpr std::uint32_t kSegmentMagic = 0x584D5651;  // "QVMX"
-constexpr std::size_t kMaxHolders = 250;
+// A lock of one byte; F_SETLKW waits for it, F_SETLK does not.
+bool LockByte(int fd, int command, short type, off_t byte) {
+  struct flock lock{.l_type = type, .l_whence = SEEK_SET, .l_start = byte, .l_len = 1, .l_pid = 0};
+  int result = 0;
+  while ((result = ::fcntl(fd, command, &lock)) != 0 && errno == EINTR) {
+  }
+  return result == 0;
+}
 
-struct Holder {
-  std::int32_t pid;
-  std::uint32_t reserved;
-  std::uint64_t startTime;
-};
+void WriteHeld(int fd, char held) { (void)!::pwrite(fd, &held, 1, kHeldByte); }
 
-struct Segment {
-  std::uint32_t magic;
-  std::uint32_t layoutSize;  // sizeof(Segment) of the writer
-  std::uint32_t holderCount;
-  std::uint32_t reserved;
-  pthread_mutex_t mutex;
-  Holder holders[kMaxHolders];
-};
-
-// One mapping of a segment per process, shared by its handles.
-struct Mapping {
-  std::string shmName;
-  pid_t pid = 0;  // the process that mapped it; a forked child maps its own
+// The mutex as this process has it open: one per name, shared by its handles.
+struct OpenMutex {
+  std::string file;
+  pid_t pid = 0;  // the process that opened it: a child made by fork opens its own
   int fd = -1;
-  Segment* segment = nullptr;
   std::uint32_t handles = 0;
   std::uint32_t ownership = 0;  // nested waits that this process owns
 };
 
-void ReleaseMappingIfUnused(Mapping* mapping);
+// Never destroyed: handles still open at exit close into it.
+auto& openMutexes = *new std::map<std::string, std::unique_ptr<OpenMutex>>;
+
+// Closes the file (dropping its locks) once the process neither holds a
+// handle nor owns the mutex; the last process to hold a handle removes it.
+void CloseIfUnused(OpenMutex* mutex) {
+  if (mutex->handles > 0 || mutex->ownership > 0 || mutex->pid != ::getpid()) return;
+  if (LockByte(mutex->fd, F_SETLK, F_WRLCK, kHandlesByte)) ::unlink(mutex->file.c_str());
+  ::close(mutex->fd);
+  openMutexes.erase(mutex->file);
+}
 
 // The object behind one handle; closing the handle destroys it.
 struct MutexHandle {
-  explicit MutexHandle(Mapping* m) : mapping(m) {}
+  explicit MutexHandle(OpenMutex* m) : mutex(m) { ++mutex->handles; }
   ~MutexHandle() {
-    --mapping->handles;
-    ReleaseMappingIfUnused(mapping);
+    --mutex->handles;
+    CloseIfUnused(mutex);
   }
-  MutexHandle(const MutexHandle&) = delete;
-  MutexHandle& operator=(const MutexHandle&) = delete;
-  Mapping* mapping;
+  OpenMutex* mutex;
 };
 
-std::mutex mappingsLock;
-std::map<std::string, Mapping*>& Mappings() {
-  static auto* mappings = new std::map<std::string, Mapping*>;
-  return *mappings;
-}
-
-// FNV-1a over the name's UTF-16 code units.
-std::uint64_t NameHash(const WString& name) {
-  std::uint64_t hash = 0xcbf29ce484222325ull;
-  for (char16_t unit : name) {
-    for (int shift = 0; shift < 16; shift += 8) {
-      hash ^= static_cast<std::uint8_t>(unit >> shift);
-      hash *= 0x100000001b3ull;
-    }
-  }
-  return hash;
-}
-
-bool SharedObjectName(const WString& name, std::string& shmName) {
-  std::string scope = "global";
-  if (name.rfind(u"Global\\", 0) != 0) {
-    std::uint32_t session = 0;
-    std::uint32_t error = 0;
-    if (!posix::ReadSessionId("/proc/self", session, error)) {
-      SetLastError(error);
-      return false;
-    }
-    scope = std::to_string(session);
-  }
-  // Wine keeps named objects in the server of one prefix, so runs against
-  // different prefixes never meet: the prefix is part of the object's name.
-  const WString scoped = Utf8ToWide(posix::PrefixDirectory()) + u"|" + name;
-  char hash[17];
-  std::snprintf(hash, sizeof hash, "%016llx", static_cast<unsigned long long>(NameHash(scoped)));
-  shmName = "/quorvane-mutex-v1-" + std::to_string(::getuid()) + "-" + scope + "-" + hash;
+bool LockFileName(const WString& name, std::string& file) {
+  std::uint32_t session = 0;
+  std::uint32_t error = 0;
+  if (!posix::ReadSessionId(static_cast<std::uint32_t>(::getpid()), session, error)) return posix::Fail(error);
+  const std::size_t hash = std::hash<WString>{}(Utf8ToWide(posix::PrefixDirectory()) + u"|" + name);
+  file = "/dev/shm/quorvane-mutex-" + std::to_string(::getuid()) + "-" + std::to_string(session) + "-" +
+         std::to_string(hash);
   return true;
 }
 
-bool MakeMutexAnew(Segment& segment) {
-  pthread_mutexattr_t attributes;
-  if (::pthread_mutexattr_init(&attributes) != 0) return false;
-  bool made = ::pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED) == 0 &&
-              ::pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST) == 0 &&
-              ::pthread_mutex_init(&segment.mutex, &attributes) == 0;
-  ::pthread_mutexattr_destroy(&attributes);
-  return made;
-}
-
-// Keeps the holders that still run. Called under the segment's file lock.
-void PruneHolders(Segment& segment) {
-  std::uint32_t kept = 0;
-  for (std::uint32_t i = 0; i < segment.holderCount && i < kMaxHolders; ++i) {
-    std::uint64_t startTime = 0;
-    const Holder& holder = segment.holders[i];
-    if (posix::LiveProcessStartTime(holder.pid, startTime) && startTime == holder.startTime) {
-      segment.holders[kept++] = holder;
-    }
-  }
-  segment.holderCount = kept;
-}
-
-void RemoveHolder(Segment& segment, pid_t pid) {
-  std::uint32_t kept = 0;
-  for (std::uint32_t i = 0; i < segment.holderCount && i < kMaxHolders; ++i) {
-    if (segment.holders[i].pid != pid) segment.holders[kept++] = segment.holders[i];
-  }
-  segment.holderCount = kept;
-}
-
-// Opens (or creates) the shared object and takes its file lock. An object
-// that its last holder removed while this process waited for the lock is
-// left for a new one.
-bool OpenLockedObject(const std::string& shmName, int& fd, std::uint32_t& error) {
+// Opens the lock file and takes this process's read lock on byte 1,
+// clearing byte 2 when no other process holds a handle. A file that its last
+// holder removed before the lock was had is left for a new one.
+OpenMutex* Open(const std::string& file) {
   for (;;) {
-    fd = ::shm_open(shmName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (fd < 0) {
-      error = posix::ErrnoToWinError(errno);
-      return false;
-    }
+    const int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (fd < 0) return SetLastError(posix::ErrnoToWinError(errno)), nullptr;
+    if (LockByte(fd, F_SETLK, F_WRLCK, kHandlesByte)) WriteHeld(fd, 0);
+    // Turning the write lock into a read lock is one step for fcntl locks.
     struct stat st;
-    if (::flock(fd, LOCK_EX) != 0 || ::fstat(fd, &st) != 0) {
-      error = posix::ErrnoToWinError(errno);
+    if (!LockByte(fd, F_SETLKW, F_RDLCK, kHandlesByte) || ::fstat(fd, &st) != 0) {
+      SetLastError(posix::ErrnoToWinError(errno));
       ::close(fd);
-      return false;
+      return nullptr;
     }
     if (st.st_nlink > 0) {
-      if (st.st_size < static_cast<off_t>(sizeof(Segment)) && ::ftruncate(fd, sizeof(Segment)) != 0) {
-        error = posix::ErrnoToWinError(errno);
-        ::close(fd);
-        return false;
-      }
-      return true;
+      auto& opened = openMutexes[file] = std::make_unique<OpenMutex>(OpenMutex{file, ::getpid(), fd, 0, 0});
+      return opened.get();
     }
     ::close(fd);
   }
 }
 
-// Maps the segment and enters this process as a holder.
-Mapping* OpenMapping(const std::string& shmName, std::uint32_t& error) {
-  std::uint64_t ownStart = 0;
-  if (!posix::LiveProcessStartTime(::getpid(), ownStart)) {
-    error = kErrorAccessDenied;
-    return nullptr;
+// Takes byte 0 within `milliseconds` (INFINITE, 49 days, included).
+bool LockOwnerByte(int fd, std::uint32_t milliseconds) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
+  while (!LockByte(fd, F_SETLK, F_WRLCK, kOwnerByte)) {
+    if ((errno != EAGAIN && errno != EACCES) || std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
-  int fd = -1;
-  if (!OpenLockedObject(shmName, fd, error)) return nullptr;
-  void* address = ::mmap(nullptr, sizeof(Segment), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-  if (address == MAP_FAILED) {
-    error = posix::ErrnoToWinError(errno);
-    ::close(fd);
-    return nullptr;
-  }
-  auto* segment = static_cast<Segment*>(address);
-  if (segment->magic != kSegmentMagic || segment->layoutSize != sizeof(Segment)) {
-    // A new object (all zero) or one laid out by another build: start over.
-    segment->holderCount = 0;
-    segment->layoutSize = sizeof(Segment);
-    segment->magic = kSegmentMagic;
-  }
-  PruneHolders(*segment);
-  bool ok = true;
-  if (segment->holderCount == 0) {
-    // Nobody holds a handle: the mutex no longer exists for Windows, and
-    // whatever state its last owner left it in goes with it.
-    ok = MakeMutexAnew(*segment);
-    if (!ok) error = kErrorAccessDenied;
-  } else if (segment->holderCount >= kMaxHolders) {
-    ok = false;
-    error = kErrorNotEnoughMemory;
-  }
-  if (ok) segment->holders[segment->holderCount++] = Holder{::getpid(), 0, ownStart};
-  ::flock(fd, LOCK_UN);
-  if (!ok) {
-    ::munmap(address, sizeof(Segment));
-    ::close(fd);
-    return nullptr;
-  }
-  auto* mapping = new Mapping;
-  mapping->shmName = shmName;
-  mapping->pid = ::getpid();
-  mapping->fd = fd;
-  mapping->segment = segment;
-  return mapping;
-}
-
-// Leaves the holder table once this process neither holds a handle nor owns
-// the mutex, and removes the shared object when no holder remains.
-void ReleaseMappingIfUnused(Mapping* mapping) {
-  if (mapping->handles > 0 || mapping->ownership > 0) return;
-  {
-    std::lock_guard<std::mutex> guard(mappingsLock);
-    auto it = Mappings().find(mapping->shmName);
-    if (it != Mappings().end() && it->second == mapping) Mappings().erase(it);
-  }
-  ::flock(mapping->fd, LOCK_EX);
-  RemoveHolder(*mapping->segment, mapping->pid);
-  PruneHolders(*mapping->segment);
-  if (mapping->segment->holderCount == 0) ::shm_unlink(mapping->shmName.c_str());
-  ::flock(mapping->fd, LOCK_UN);
-  ::munmap(mapping->segment, sizeof(Segment));
-  ::close(mapping->fd);
-  delete mapping;
+  return true;
 }
 
 }  // namespace
 
 Handle CreateMutexW(const WString& name) {
   QV_FAULT_POINT("CreateMutexW", return kNullHandle, name);
-  std::string shmName;
-  if (!SharedObjectName(name, shmName)) return kNullHandle;
-  Mapping* mapping = nullptr;
-  {
-    std::lock_guard<std::mutex> guard(mappingsLock);
-    auto it = Mappings().find(shmName);
-    if (it != Mappings().end() && it->second->pid == ::getpid()) {
-      mapping = it->second;
-      ++mapping->handles;
-    }
+  std::string file;
+  if (!LockFileName(name, file)) return kNullHandle;
+  auto it = openMutexes.find(file);
+  if (it != openMutexes.end() && it->second->pid != ::getpid()) {
+    // One inherited through fork is the parent's, with the parent's locks:
+    // the child leaves it alone and opens the file anew.
+    it->second.release();
+    openMutexes.erase(it);
+    it = openMutexes.end();
   }
-  if (mapping == nullptr) {
-    std::uint32_t error = 0;
-    mapping = OpenMapping(shmName, error);
-    if (mapping == nullptr) {
-      SetLastError(error);
-      return kNullHandle;
-    }
-    mapping->handles = 1;
-    std::lock_guard<std::mutex> guard(mappingsLock);
-    // A mapping inherited through fork belongs to the parent and is replaced.
-    Mappings()[shmName] = mapping;
-  }
-  return posix::RegisterHandle(posix::HandleKind::Mutex, std::make_shared<MutexHandle>(mapping));
+  OpenMutex* mutex = it != openMutexes.end() ? it->second.get() : Open(file);
+  if (mutex == nullptr) return kNullHandle;
+  return posix::RegisterHandle(posix::HandleKind::Mutex, std::make_shared<MutexHandle>(mutex));
 }
 
 std::uint32_t WaitForSingleObject(Handle handle, std::uint32_t milliseconds) {
@@ -288,63 +152,35 @@ std::uint32_t WaitForSingleObject(Handle handle, std::uint32_t milliseconds) {
     SetLastError(kErrorInvalidHandle);
     return kWaitFailed;
   }
-  Mapping* mapping = mutexHandle->mapping;
-  if (mapping->ownership > 0) {
+  OpenMutex* mutex = mutexHandle->mutex;
+  if (mutex->ownership > 0) {
     // The owner waits again: Windows counts the nested acquisition.
-    ++mapping->ownership;
+    ++mutex->ownership;
     return kWaitObject0;
   }
-  pthread_mutex_t* mutex = &mapping->segment->mutex;
-  int result = 0;
-  if (milliseconds == kInfinite) {
-    result = ::pthread_mutex_lock(mutex);
-  } else if (milliseconds == 0) {
-    result = ::pthread_mutex_trylock(mutex);
-  } else {
-    timespec deadline{};
-    ::clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += milliseconds / 1000;
-    deadline.tv_nsec += static_cast<long>(milliseconds % 1000) * 1000000L;
-    if (deadline.tv_nsec >= 1000000000L) {
-      deadline.tv_sec += 1;
-      deadline.tv_nsec -= 1000000000L;
-    }
-    do {
-      result = ::pthread_mutex_timedlock(mutex, &deadline);
-    } while (result == EINTR);
+  if (!LockOwnerByte(mutex->fd, milliseconds)) {
+    if (errno == EAGAIN || errno == EACCES) return kWaitTimeout;
+    SetLastError(posix::ErrnoToWinError(errno));
+    return kWaitFailed;
   }
-  switch (result) {
-    case 0:
-      mapping->ownership = 1;
-      return kWaitObject0;
-    case EOWNERDEAD:
-      // The owner died holding it. This process owns it now, and marks it
-      // consistent so that it never stays broken for later runs.
-      ::pthread_mutex_consistent(mutex);
-      mapping->ownership = 1;
-      return kWaitAbandoned;
-    case ETIMEDOUT:
-    case EBUSY:
-      return kWaitTimeout;
-    default:
-      SetLastError(posix::ErrnoToWinError(result));
-      return kWaitFailed;
-  }
+  char held = 0;
+  const bool abandoned = ::pread(mutex->fd, &held, 1, kHeldByte) == 1 && held == 1;
+  WriteHeld(mutex->fd, 1);
+  mutex->ownership = 1;
+  return abandoned ? kWaitAbandoned : kWaitObject0;
 }
 
 bool ReleaseMutex(Handle handle) {
   QV_FAULT_POINT("ReleaseMutex", return false);
   auto* mutexHandle = posix::LookUpHandle<MutexHandle>(handle, posix::HandleKind::Mutex);
-  if (mutexHandle == nullptr) {
-    SetLastError(kErrorInvalidHandle);
-    return false;
+  if (mutexHandle == nullptr) return posix::Fail(kErrorInvalidHandle);
+  OpenMutex* mutex = mutexHandle->mutex;
+  if (mutex->ownership == 0) return posix::Fail(kErrorNotOwner);
+  if (--mutex->ownership == 0) {
+    WriteHeld(mutex->fd, 0);
+    LockByte(mutex->fd, F_SETLK, F_UNLCK, kOwnerByte);
+    CloseIfUnused(mutex);
   }
-  Mapping* mapping = mutexHandle->mapping;
-  if (mapping->ownership == 0) {
-    SetLastError(kErrorNotOwner);
-    return false;
-  }
-  if (--mapping->ownership == 0) ::pthread_mutex_unlock(&mapping->segment->mutex);
   return true;
 }
 

@@ -1,12 +1,8 @@
-// The order in which Windows lists a folder: NTFS keeps a folder's names
-// sorted by their UTF-16 code units upper-cased one by one, and Wine sorts
-// its listings the same way, so FindFirstFileW and FindNextFileW give the
-// entries in that order on either.
+#include "platform/posix/name_order.h"
+
 #include <algorithm>
 #include <cstdint>
 #include <iterator>
-
-#include "platform/posix/host.h"
 
 namespace qv::platform::posix {
 namespace {
@@ -76,16 +72,17 @@ char16_t UpcaseCodeUnit(char16_t c) {
   return static_cast<char16_t>(c + run->offset);
 }
 
-void SortAsListed(std::vector<ListedName>& names) {
-  for (ListedName& name : names) {
-    name.key.resize(name.name.size());
-    std::transform(name.name.begin(), name.name.end(), name.key.begin(), UpcaseCodeUnit);
-  }
+WString UpcaseName(WString name) {
+  std::transform(name.begin(), name.end(), name.begin(), UpcaseCodeUnit);
+  return name;
+}
+
+bool ListsBefore(const WString& a, const WString& b) {
+  const WString upperA = UpcaseName(a);
+  const WString upperB = UpcaseName(b);
   // Names that differ only in case (which NTFS cannot hold together) keep
   // the order of their own code units, as Wine gives them.
-  std::sort(names.begin(), names.end(), [](const ListedName& a, const ListedName& b) {
-    return a.key != b.key ? a.key < b.key : a.name < b.name;
-  });
+  return upperA != upperB ? upperA < upperB : a < b;
 }
 
 }  // namespace qv::platform::posix

@@ -1,193 +1,203 @@
-// The Windows process list from the kernel's process table.
+#include "platform/posix/processes.h"
+
 #include <dirent.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cerrno>
-#include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <memory>
-#include <mutex>
-#include <unordered_map>
+#include <string_view>
 #include <vector>
 
 #include "platform/fault_injection.h"
 #include "platform/platform.h"
+#include "platform/posix/errors.h"
 #include "platform/posix/handles.h"
-#include "platform/posix/host.h"
-#include "platform/posix/proc_files.h"
+#include "platform/posix/host_paths.h"
+#include "platform/posix/host_roots.h"
 
-namespace qv::platform {
+namespace qv::platform::posix {
 namespace {
+
+// A decimal number of at most 32 bits, blanks and line ends around it allowed.
+bool ParseUnsigned32(std::string_view text, std::uint32_t& value) {
+  const std::size_t first = text.find_first_not_of(" \t");
+  const std::size_t end = text.find_last_not_of(" \t\n");
+  if (first == std::string_view::npos || end == std::string_view::npos) return false;
+  std::uint64_t number = 0;
+  for (char c : text.substr(first, end + 1 - first)) {
+    if (c < '0' || c > '9') return false;
+    number = number * 10 + static_cast<std::uint64_t>(c - '0');
+    if (number > 0xFFFFFFFFull) return false;
+  }
+  value = static_cast<std::uint32_t>(number);
+  return true;
+}
+
+// The real uid of the "Uid:\treal\teffective\tsaved\tfilesystem" line of a
+// status file.
+bool ParseRealUid(const std::string& status, std::uint32_t& uid) {
+  const std::size_t line = status.starts_with("Uid:") ? 0 : status.find("\nUid:");
+  if (line == std::string::npos) return false;
+  const std::size_t start = status.find_first_not_of(" \t", status.find(':', line) + 1);
+  if (start == std::string::npos) return false;
+  return ParseUnsigned32(std::string_view(status).substr(start, status.find_first_of(" \t\n", start) - start), uid);
+}
+
+bool FolderExists(const std::string& folder) {
+  std::error_code error;
+  return std::filesystem::is_directory(folder, error);
+}
+
+// <ProcRoot()>/<pid>, or /proc/self for the own pid.
+std::string ProcessFolder(std::uint32_t processId) {
+  if (processId == static_cast<std::uint32_t>(::getpid())) return "/proc/self";
+  return ProcRoot() + "/" + std::to_string(processId);
+}
+
+// A whole file (the kernel's files report size 0, so this reads to the
+// end). False with errno set when it cannot be opened.
+bool ReadWholeFile(const std::string& path, std::string& bytes) {
+  std::ifstream file(path, std::ios::binary);
+  if (!file) return false;
+  bytes.assign(std::istreambuf_iterator<char>(file), {});
+  return !file.bad();
+}
+
+// "X:\\..." or "X:/...", the form Wine gives argv[0] of a Windows program, or
+// "\\\\server\\share\\..." for one started from a network share.
+bool IsAbsoluteWindowsPath(std::string_view text) {
+  if (text.size() < 3) return false;
+  if (text[0] == '\\' && text[1] == '\\') return text[2] != '\\' && text[2] != '/';
+  const char letter = text[0];
+  const bool isLetter = (letter >= 'A' && letter <= 'Z') || (letter >= 'a' && letter <= 'z');
+  return isLetter && text[1] == ':' && (text[2] == '\\' || text[2] == '/');
+}
+
+// Reads the files of a process for OpenProcess. False with a Windows error:
+// 87 when the process is not in the table, 5 when its cmdline or status is
+// missing or unreadable.
+bool LoadOpenedProcess(std::uint32_t processId, OpenedProcess& process, std::uint32_t& error) {
+  const std::string folder = ProcessFolder(processId);
+  if (processId == 0 || !FolderExists(folder)) {
+    error = kErrorInvalidParameter;
+    return false;
+  }
+  std::string cmdline;
+  std::string status;
+  if (!ReadWholeFile(folder + "/cmdline", cmdline) || !ReadWholeFile(folder + "/status", status) ||
+      !ParseRealUid(status, process.uid)) {
+    // The entry may have gone between the looks: a process that no longer
+    // exists, as Windows reports it.
+    error = FolderExists(folder) ? kErrorAccessDenied : kErrorInvalidParameter;
+    return false;
+  }
+  process.firstArgument = cmdline.substr(0, cmdline.find('\0'));
+  std::error_code exeError;
+  process.exeTarget = std::filesystem::read_symlink(folder + "/exe", exeError).string();
+  process.exeError = exeError.value();
+  return true;
+}
 
 struct Snapshot {
   std::vector<ProcessEntry> entries;
   std::size_t next = 0;
 };
 
-// One numeric folder of the process table: the pid, and the inode that the
-// listing gives for the folder. The kernel makes a new inode for each
-// process, so a pid reused by another process comes with another inode.
-struct TableEntry {
-  std::uint32_t id = 0;
-  ino_t inode = 0;
-  bool operator<(const TableEntry& other) const { return id < other.id; }
-};
-
 // The numeric folders of the process table, in ascending pid order.
-bool ListProcessIds(DIR* dir, std::vector<TableEntry>& ids) {
-  while (const dirent* entry = ::readdir(dir)) {
-    std::string_view name(entry->d_name);
-    if (name.empty() || name.size() > 10) continue;
-    std::uint64_t id = 0;
-    bool digits = true;
-    for (char c : name) {
-      if (c < '0' || c > '9') {
-        digits = false;
-        break;
-      }
-      id = id * 10 + static_cast<std::uint64_t>(c - '0');
-    }
-    if (digits && id <= 0xFFFFFFFFull) ids.push_back({static_cast<std::uint32_t>(id), entry->d_ino});
+std::vector<std::uint32_t> ProcessIds(DIR* table) {
+  std::vector<std::uint32_t> ids;
+  while (const dirent* entry = ::readdir(table)) {
+    const std::string_view name(entry->d_name);
+    if (name.empty() || name.size() > 10 || name.find_first_not_of("0123456789") != std::string_view::npos) continue;
+    const std::uint64_t id = std::stoull(std::string(name));
+    if (id <= 0xFFFFFFFFull) ids.push_back(static_cast<std::uint32_t>(id));
   }
   std::sort(ids.begin(), ids.end());
-  return true;
+  return ids;
 }
 
-// szExeFile: the last element of argv[0] when Wine put a Windows path there
-// (`fromWine` is then true), else the kernel's comm (the file name cut to 15
-// bytes), which is read only then. False for an entry that has gone
-// meanwhile. `table` is the process table's folder, open.
-bool ExeFileName(int table, std::uint32_t id, WString& name, bool& fromWine, posix::DescriptorBatch& opened) {
-  fromWine = false;
-  char relative[32];
-  const int length = std::snprintf(relative, sizeof relative, "%u/cmdline", id);
-  std::string first;
-  int err = 0;
-  if (posix::ReadFirstArgumentAt(table, relative, first, err, &opened) && posix::IsAbsoluteWindowsPath(first)) {
-    std::string_view last = std::string_view(first).substr(first.find_last_of("\\/") + 1);
-    if (!last.empty()) {
+// szExeFile: the last element of argv[0] when Wine put a Windows path there,
+// else the kernel's comm (the file name cut to 15 bytes). False for a
+// process that has gone meanwhile.
+bool ExeFileName(std::uint32_t id, WString& name) {
+  const std::string folder = ProcRoot() + "/" + std::to_string(id);
+  std::string text;
+  if (ReadWholeFile(folder + "/cmdline", text)) {
+    const std::string first = text.substr(0, text.find('\0'));
+    const std::string last = first.substr(first.find_last_of("\\/") + 1);
+    if (IsAbsoluteWindowsPath(first) && !last.empty()) {
       name = Utf8ToWide(last);
-      fromWine = true;
       return true;
     }
   }
-  std::snprintf(relative + length - 7, sizeof relative - static_cast<std::size_t>(length - 7), "comm");
-  std::string comm;
-  if (!posix::ReadWholeFileAt(table, relative, comm, err)) return false;
-  if (!comm.empty() && comm.back() == '\n') comm.pop_back();
-  name = Utf8ToWide(comm);
+  if (!ReadWholeFile(folder + "/comm", text)) return false;
+  if (!text.empty() && text.back() == '\n') text.pop_back();
+  name = Utf8ToWide(text);
   return true;
 }
 
-// Names that Wine gave its processes, kept from one snapshot to the next.
-//
-// A snapshot reads a file of each process, and a run takes two or three
-// snapshots within a few milliseconds: the discovery's, the check for a
-// running Fusion and the shell's. Wine sets a process's argv[0] to its
-// Windows path once, at start; a name read from there stands for the same
-// process (same pid, same inode of its folder) for kNameStandsFor. Names
-// that came from comm are read every time: such a process may be a Wine
-// program still starting. Processes that come or go are seen at once, since
-// every snapshot lists the table afresh.
-constexpr std::chrono::milliseconds kNameStandsFor{500};
-
-struct KnownName {
-  ino_t inode = 0;
-  WString name;
-  std::chrono::steady_clock::time_point read;
-};
-
-struct KnownNames {
-  std::mutex mutex;
-  std::string table;
-  std::unordered_map<std::uint32_t, KnownName> byId;
-};
-
-KnownNames& Known() {
-  static KnownNames* known = new KnownNames;
-  return *known;
-}
-
 bool NextEntry(Handle snapshot, ProcessEntry& entry, bool first) {
-  auto* state = posix::LookUpHandle<Snapshot>(snapshot, posix::HandleKind::Snapshot);
-  if (state == nullptr) {
-    SetLastError(kErrorInvalidHandle);
-    return false;
-  }
+  auto* state = LookUpHandle<Snapshot>(snapshot, HandleKind::Snapshot);
+  if (state == nullptr) return Fail(kErrorInvalidHandle);
   if (first) state->next = 0;
-  if (state->next >= state->entries.size()) {
-    SetLastError(kErrorNoMoreFiles);
-    return false;
-  }
+  if (state->next >= state->entries.size()) return Fail(kErrorNoMoreFiles);
   entry = state->entries[state->next++];
   return true;
 }
 
-bool OwnSessionId(std::uint32_t& session) {
-  std::uint32_t error = 0;
-  if (posix::ReadSessionId("/proc/self", session, error)) return true;
-  SetLastError(error);
-  return false;
+}  // namespace
+
+bool ReadSessionId(std::uint32_t processId, std::uint32_t& session, std::uint32_t& error) {
+  const std::string folder = ProcessFolder(processId);
+  std::string text;
+  if (!ReadWholeFile(folder + "/sessionid", text)) {
+    const int err = errno;
+    if (err == ENOENT && FolderExists(folder)) {
+      session = 0;  // a kernel without audit sessions: every process is in session 0
+      return true;
+    }
+    error = err == ENOENT || err == ENOTDIR ? kErrorInvalidParameter : kErrorAccessDenied;
+    return false;
+  }
+  error = kErrorAccessDenied;
+  return ParseUnsigned32(text, session);
 }
 
-}  // namespace
+}  // namespace qv::platform::posix
+
+namespace qv::platform {
 
 Handle CreateToolhelp32Snapshot() {
   QV_FAULT_POINT("CreateToolhelp32Snapshot", return kInvalidHandle);
-  const std::string root = posix::ProcRoot();
-  DIR* dir = ::opendir(root.c_str());
-  if (dir == nullptr) {
+  DIR* table = ::opendir(posix::ProcRoot().c_str());
+  if (table == nullptr) {
     SetLastError(posix::ErrnoToWinError(errno));
     return kInvalidHandle;
   }
-  std::vector<TableEntry> ids;
-  ListProcessIds(dir, ids);
+  const std::vector<std::uint32_t> ids = posix::ProcessIds(table);
+  ::closedir(table);
   // The names are read now: the snapshot is a picture of this moment, and a
   // process that ends before its files are read is simply not in it.
-  auto snapshot = std::make_shared<Snapshot>();
-  snapshot->entries.reserve(ids.size());
-  const int table = ::dirfd(dir);
-  KnownNames& known = Known();
-  {
-    std::lock_guard<std::mutex> lock(known.mutex);
-    if (known.table != root) {
-      known.byId.clear();
-      known.table = root;
-    }
-    const auto now = std::chrono::steady_clock::now();
-    std::unordered_map<std::uint32_t, KnownName> kept;
-    posix::DescriptorBatch opened;
-    for (const TableEntry& id : ids) {
-      ProcessEntry entry;
-      entry.processId = id.id;
-      auto earlier = known.byId.find(id.id);
-      if (earlier != known.byId.end() && earlier->second.inode == id.inode &&
-          now - earlier->second.read < kNameStandsFor) {
-        entry.exeFile = earlier->second.name;
-        kept.emplace(id.id, std::move(earlier->second));
-        snapshot->entries.push_back(std::move(entry));
-        continue;
-      }
-      bool fromWine = false;
-      if (!ExeFileName(table, id.id, entry.exeFile, fromWine, opened)) continue;
-      if (fromWine) kept.emplace(id.id, KnownName{id.inode, entry.exeFile, now});
-      snapshot->entries.push_back(std::move(entry));
-    }
-    known.byId = std::move(kept);
+  auto snapshot = std::make_shared<posix::Snapshot>();
+  for (std::uint32_t id : ids) {
+    ProcessEntry entry{id, {}};
+    if (posix::ExeFileName(id, entry.exeFile)) snapshot->entries.push_back(std::move(entry));
   }
-  ::closedir(dir);
   return posix::RegisterHandle(posix::HandleKind::Snapshot, snapshot);
 }
 
 bool Process32FirstW(Handle snapshot, ProcessEntry& entry) {
   QV_FAULT_POINT("Process32FirstW", return false);
-  return NextEntry(snapshot, entry, true);
+  return posix::NextEntry(snapshot, entry, true);
 }
 
 bool Process32NextW(Handle snapshot, ProcessEntry& entry) {
   QV_FAULT_POINT("Process32NextW", return false);
-  return NextEntry(snapshot, entry, false);
+  return posix::NextEntry(snapshot, entry, false);
 }
 
 std::uint32_t GetCurrentProcessId() {
@@ -201,23 +211,15 @@ Handle GetCurrentProcess() {
 }
 
 bool ProcessIdToSessionId(std::uint32_t processId, std::uint32_t& sessionId) {
-  WString id = DecimalText(processId);
-  QV_FAULT_POINT("ProcessIdToSessionId", return false, id);
+  QV_FAULT_POINT("ProcessIdToSessionId", return false, DecimalText(processId));
   // The own session comes from the real /proc even when the process table
   // is a test's own.
-  if (processId == static_cast<std::uint32_t>(::getpid())) return OwnSessionId(sessionId);
-  std::uint32_t error = 0;
-  if (processId == 0 || !posix::ReadSessionId(posix::ProcessFolder(processId), sessionId, error)) {
-    SetLastError(processId == 0 ? kErrorInvalidParameter : error);
-    return false;
-  }
-  return true;
+  std::uint32_t error = kErrorInvalidParameter;
+  return (processId != 0 && posix::ReadSessionId(processId, sessionId, error)) || posix::Fail(error);
 }
 
-Handle OpenProcess(std::uint32_t desiredAccess, std::uint32_t processId) {
-  (void)desiredAccess;
-  WString id = DecimalText(processId);
-  QV_FAULT_POINT("OpenProcess", return kNullHandle, id);
+Handle OpenProcess(std::uint32_t /*desiredAccess*/, std::uint32_t processId) {
+  QV_FAULT_POINT("OpenProcess", return kNullHandle, DecimalText(processId));
   auto process = std::make_shared<posix::OpenedProcess>();
   std::uint32_t error = 0;
   if (!posix::LoadOpenedProcess(processId, *process, error)) {
@@ -235,37 +237,23 @@ bool LookUpQueryFullProcessImageNameW() {
 bool QueryFullProcessImageNameW(Handle process, WString& path, std::uint32_t capacity) {
   QV_FAULT_POINT("QueryFullProcessImageNameW", return false);
   posix::OpenedProcess own;
-  const posix::OpenedProcess* target = nullptr;
-  if (process == posix::kCurrentProcessHandle) {
-    std::uint32_t error = 0;
-    if (!posix::LoadOpenedProcess(static_cast<std::uint32_t>(::getpid()), own, error)) {
-      SetLastError(error);
-      return false;
-    }
-    target = &own;
-  } else {
-    target = posix::LookUpHandle<posix::OpenedProcess>(process, posix::HandleKind::Process);
-    if (target == nullptr) {
-      SetLastError(kErrorInvalidHandle);
-      return false;
-    }
-  }
+  std::uint32_t error = kErrorInvalidHandle;
+  const posix::OpenedProcess* target =
+      process == posix::kCurrentProcessHandle
+          ? (posix::LoadOpenedProcess(static_cast<std::uint32_t>(::getpid()), own, error) ? &own : nullptr)
+          : posix::LookUpHandle<posix::OpenedProcess>(process, posix::HandleKind::Process);
+  if (target == nullptr) return posix::Fail(error);
   WString image;
   if (posix::IsAbsoluteWindowsPath(target->firstArgument)) {
     // Wine's argv[0]; the Win32 form separates with backslashes.
     image = Utf8ToWide(target->firstArgument);
     std::replace(image.begin(), image.end(), u'/', u'\\');
   } else if (target->exeError != 0) {
-    SetLastError(posix::ErrnoToWinError(target->exeError));
-    return false;
+    return posix::Fail(posix::ErrnoToWinError(target->exeError));
   } else if (!posix::ToWindowsPath(target->exeTarget, image)) {
-    SetLastError(kErrorPathNotFound);
-    return false;
+    return posix::Fail(kErrorPathNotFound);
   }
-  if (image.size() + 1 > capacity) {
-    SetLastError(kErrorInsufficientBuffer);
-    return false;
-  }
+  if (image.size() + 1 > capacity) return posix::Fail(kErrorInsufficientBuffer);
   path = image;
   return true;
 }

@@ -11,7 +11,7 @@
 
 #include "platform/fault_injection.h"
 #include "platform/platform.h"
-#include "platform/posix/host.h"
+#include "platform/posix/host_paths.h"
 
 namespace qv::platform {
 
@@ -66,14 +66,10 @@ std::uint32_t GetPrivateProfileStringW(const WString& section, const WString& ke
                  section, key, path);
   std::uint32_t error = 0;
   profile::CachedProfile& cache = Cache();
-  posix::HostEntry entry;
-  const bool resolved = posix::ResolveHostEntry(path, entry, error);
-  const std::string host = resolved ? entry.path : std::string();
-  // The resolution's lstat stands for the file unless it found a link.
-  struct stat st = entry.status;
-  const bool known = resolved && entry.state == posix::HostEntry::State::Present && !S_ISLNK(st.st_mode);
-  if (resolved && (known || ::stat(host.c_str(), &st) == 0) && S_ISREG(st.st_mode) &&
-      cache.Holds(VersionOf(host, st))) {
+  std::string host;
+  const bool resolved = posix::ToHostPath(path, host, error);
+  struct stat st;
+  if (resolved && ::stat(host.c_str(), &st) == 0 && S_ISREG(st.st_mode) && cache.Holds(VersionOf(host, st))) {
     return cache.Answer(section, key, defaultValue, value, size);
   }
   cache.Clear();

@@ -28,7 +28,8 @@
 
 #include "platform/fault_injection.h"
 #include "platform/platform.h"
-#include "platform/posix/host.h"
+#include "platform/posix/host_roots.h"
+#include "platform/posix/registry.h"
 #include "platform/posix/wine_registry.h"
 
 extern char** environ;

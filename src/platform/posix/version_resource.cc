@@ -12,7 +12,7 @@
 #include <string>
 
 #include "platform/fault_injection.h"
-#include "platform/posix/host.h"
+#include "platform/posix/host_paths.h"
 
 namespace qv::platform {
 namespace posix {

@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "platform/platform.h"
-#include "platform/posix/host.h"
 #include "support/prefix.h"
 #include "support/profile_answers.h"
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "platform/platform.h"
-#include "platform/posix/host.h"
+#include "platform/posix/host_paths.h"
 #include "support/prefix.h"
 
 namespace qv::platform {
