@@ -1,0 +1,2 @@
+@rem Runs the deployment kit's logon for the account that runs it: see Quorvane_Deploy.cmd.
+@"%~dp0Quorvane_Deploy.cmd" logon %*
