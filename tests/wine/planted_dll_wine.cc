@@ -24,7 +24,7 @@ TEST_F(WinePrefix, PlantedVersionDllIsNotLoaded) {
   const std::string windows = "C:\\" + fs::path(downloads.path()).filename().string();
   const std::string build = downloads / "local/Autodesk/webdeploy/production/b1";
   MakeFusionInstallation(build);
-  fs::copy_file(versioned, build + "/Fusion360.exe");
+  fs::copy_file(versioned, build + "/Fusion360.exe", fs::copy_options::overwrite_existing);
   fs::copy_file(wine.binary, downloads / "Quorvane_Setup.exe");
   fs::copy_file(QUORVANE_STAND_IN_VERSION_DLL, downloads / "version.dll");
   const RunResult r = RunUnderWine(prefix,
