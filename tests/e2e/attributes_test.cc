@@ -22,7 +22,6 @@ TEST_P(ReadOnlyPackageFiles, InstallThenUpdateOverThem) {
     std::string clearedBy;
   };
   for (const Row& row : std::vector<Row>{{"AddIn/KELDARO_Quorvane.py", "KELDARO_Quorvane.py", true, "/update"},
-                                         {"AddIn/sub/notes.txt", "sub/notes.txt", true, "/update"},
                                          {"Bin/Quorvane_Helper.exe", "Bin/Quorvane_Helper.exe", true, "/update"},
                                          {"AddIn/install-state.ini", "install-state.ini", false, "/install"}}) {
     ProfileScene s(tool(), 1, {false});

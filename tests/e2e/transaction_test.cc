@@ -84,11 +84,6 @@ TEST_P(Transaction, ThePlanRefusesBeforeAnythingIsWritten) {
       ExpectTree(s.machine.C(), drive, "drive");
     }
   }
-  // An uninstall does not look at the package at all.
-  ProfileScene s(tool());
-  std::filesystem::remove_all(s.package);
-  const Before before(s);
-  ExpectCompleted(s, before, s.Tool("/uninstall"), true);
 }
 
 TEST_P(Transaction, TwoProfilesAreUndoneInReverseOrderWhereverTheRunStops) {

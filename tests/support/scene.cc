@@ -106,10 +106,9 @@ std::string FaultAt(const LoggedCall& call, const std::string& code) {
 }
 
 ToolUnderTest NativeTool() {
-  const char* override = std::getenv("QUORVANE_BINARY");
   ToolUnderTest tool;
   tool.name = "native";
-  tool.binary = override != nullptr && *override != '\0' ? override : QUORVANE_BINARY;
+  tool.binary = QUORVANE_BINARY;
   tool.lockHolder = QUORVANE_LOCK_HOLDER;
 #if defined(QUORVANE_FAULT_INJECTION)
   tool.faults = true;

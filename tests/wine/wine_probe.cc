@@ -1,8 +1,6 @@
 // Built with MinGW-w64 and run under Wine, to ask Wine's own functions what
 // the native build must answer alike. Output is UTF-8, one answer a line.
 //   wine_probe.exe                     stays up, a stand-in for Fusion: "up"
-//   wine_probe.exe folders             "<csidl> <hresult> <path>" from SHGetFolderPathW
-//                                      for the roaming (26) and local (28) folders
 //   wine_probe.exe list PATTERN        "<name>\t<attributes in hex>" from FindFirstFileW/FindNextFileW
 //   wine_probe.exe attributes PATH     GetFileAttributesW in hex
 //   wine_probe.exe hold PATH SHARE [TRIGGER DELAY_MS]
@@ -17,7 +15,6 @@
 //       tab, the result, a tab and the units placed in the buffer; then the
 //       result and last error of the flush call the inventory writer makes
 #include <windows.h>
-#include <shlobj.h>
 
 #include <cstdio>
 #include <fstream>
@@ -118,13 +115,7 @@ int main() {
   int argc = 0;
   wchar_t** argv = CommandLineToArgvW(GetCommandLineW(), &argc);
   const std::wstring command = argc > 1 ? argv[1] : L"";
-  if (command == L"folders") {
-    for (int csidl : {26, 28}) {
-      wchar_t path[MAX_PATH] = {0};
-      const HRESULT result = SHGetFolderPathW(nullptr, csidl, nullptr, 0, path);
-      std::printf("%d %ld %s\n", csidl, long(result), Utf8(path).c_str());
-    }
-  } else if (command == L"list" && argc == 3) {
+  if (command == L"list" && argc == 3) {
     WIN32_FIND_DATAW found;
     HANDLE search = FindFirstFileW(argv[2], &found);
     if (search == INVALID_HANDLE_VALUE) return 1;
