@@ -13,8 +13,6 @@
 namespace qv::platform {
 namespace {
 
-using test::WriteFile;
-
 // The per-user folders when the profile list has no entry for the account:
 // those of the account that owns the shell (explorer.exe) of this session.
 TEST(ShellOwner, FoldersOfTheAccountThatOwnsTheShellOfThisSession) {
@@ -58,7 +56,7 @@ TEST(ShellOwner, FoldersOfTheAccountThatOwnsTheShellOfThisSession) {
     prefix.AddProcess(500, row.argv0, "explorer.exe", other, row.session);
     // Owned by its real uid, whatever the effective one.
     const std::string ids = std::to_string(other) + "\t" + std::to_string(own) + "\t0\t0";
-    WriteFile(prefix.procRoot + "/500/status", "Name:\texplorer.exe\nUid:\t" + ids + "\n");
+    test::WriteFile(prefix.procRoot + "/500/status", "Name:\texplorer.exe\nUid:\t" + ids + "\n");
     if (row.ownerHasFolders) test::MakeDirs(prefix.C("users/" + otherName + "/AppData/Roaming"));
     const std::string expected[] = {"C:\\users\\" + otherName + "\\AppData\\Roaming", prefix.RoamingWin(),
                                     "C:\\Profiles\\me\\AppData\\Roaming"};

@@ -11,7 +11,6 @@ namespace qv::platform {
 namespace {
 
 using posix::ReadWineRegistryKey;
-using posix::WineRegistryValue;
 using test::SzValue;
 using test::Utf16LeBytes;
 using Names = std::vector<std::u16string>;
