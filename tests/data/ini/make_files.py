@@ -3,10 +3,9 @@
 
 Each file exercises one group of behaviours; queries.txt names what is asked
 of each. Run from this folder; the files are committed, so this is only
-needed when a case is added. Then record Wine's answers anew with the probe
-(build/dev/tests/wine_probe.exe, built when MinGW-w64 is installed):
-
-  wine64 wine_probe.exe profile 'Z:\\...\\tests\\data\\ini' 'Z:\\...\\queries.txt' 'Z:\\...\\expected.txt'
+needed when a case is added. WinePrefix.ProfileStringsMatchWinesAnswers asks
+Wine the same questions live, through the probe, and compares the native
+reader's answers with Wine's.
 """
 
 import codecs
