@@ -1,34 +1,15 @@
-// Discovery on the machine itself: the Uninstall keys of the prefix's
-// registry, the webdeploy folder, the process table and the saved inventory.
-// These prefixes carry registry files and a process table written by the
-// test, which only the native build reads.
+// Discovery on the machine itself: the process table and the saved
+// inventory. These prefixes carry a process table written by the test, which
+// only the native build reads; the Uninstall keys are read from a prefix Wine
+// made (tests/wine).
 #include <unistd.h>
 
 #include <filesystem>
-#include <sstream>
 
 #include "support/scene.h"
 
 namespace qv::test {
 namespace {
-
-RegFileKey Uninstall(const std::u16string& name, const std::vector<RegFileValue>& values,
-                     const std::u16string& view = u"Software\\") {
-  return {view + u"Microsoft\\Windows\\CurrentVersion\\Uninstall\\" + name, values};
-}
-RegFileValue Name(const std::u16string& text) { return SzValue(u"DisplayName", text); }
-RegFileValue Icon(const std::u16string& text) { return SzValue(u"DisplayIcon", text); }
-RegFileValue Location(const std::u16string& text) { return SzValue(u"InstallLocation", text); }
-
-// The "Path: " lines of a status report, in order.
-std::vector<std::string> ReportedPaths(const std::string& report) {
-  std::vector<std::string> paths;
-  std::istringstream lines(report);
-  for (std::string line; std::getline(lines, line);) {
-    if (line.rfind("Path: ", 0) == 0) paths.push_back(line.substr(6));
-  }
-  return paths;
-}
 
 // The login session of this process, as the tool reads its own; 0 where the
 // kernel keeps none.
@@ -37,7 +18,7 @@ std::uint32_t OwnSession() {
   return text.empty() ? 0 : static_cast<std::uint32_t>(std::stoul(text));
 }
 
-constexpr char kWhy[] = "Only the native build reads registry files and a process table written here";
+constexpr char kWhy[] = "Only the native build reads a process table written here";
 
 void Process(const Machine& m, int pid, const std::string& argv0, const std::string& comm, unsigned uid = ::getuid(),
              std::uint32_t session = OwnSession()) {
@@ -45,41 +26,6 @@ void Process(const Machine& m, int pid, const std::string& argv0, const std::str
 }
 
 class LiveDiscovery : public EndToEnd {};
-
-TEST_P(LiveDiscovery, UninstallValuesLeadToTheExecutableBesideThem) {
-  QV_SKIP_UNLESS(tool().native(), kWhy);
-  Machine m(tool());
-  // Each installation in a folder of its own: an icon also leads to a scan of
-  // the folder two levels above it, which here holds only that installation.
-  // (Install locations, REG_EXPAND_SZ and icons in webdeploy trees are
-  // checked on a real Wine prefix.)
-  for (const char* folder : {"Quoted/Fusion", "Bare/Fusion", "Half/Fusion", "Ignored/Fusion"}) {
-    MakeFusionInstallation(m.C(folder));
-  }
-  MakeDirs(m.prefix.RoamingHost() + "/Autodesk/Autodesk Fusion 360/API");
-  m.prefix.WriteRegistry({
-      // The 32-bit view is scanned before the 64-bit one, so this text of the
-      // entry is the one that stays; the same entry in the 64-bit view adds
-      // nothing new.
-      Uninstall(u"A", {Name(u"Autodesk Fusion"), Icon(u"C:\\QUOTED\\Fusion\\fusion.ico")}, u"Software\\Wow6432Node\\"),
-      Uninstall(u"A", {Name(u"Autodesk Fusion"), Icon(u"\"C:\\Quoted\\Fusion\\fusion.ico\",0")}),
-      // Unquoted with an index.
-      Uninstall(u"B", {Name(u"Autodesk Fusion 360"), Icon(u"C:\\Bare\\Fusion\\Fusion360.exe,3")}),
-      // A quote that does not close gives no icon path; the location is read
-      // all the same.
-      Uninstall(u"E", {Name(u"Autodesk Fusion"), Icon(u"\"C:\\Ignored\\Fusion\\Fusion360.exe"),
-                       Location(u"C:\\Half\\Fusion")}),
-      // Names with anything around them, and bare file names, lead nowhere.
-      Uninstall(u"F", {Name(u"Autodesk Fusion 360 (Beta)"), Location(u"C:\\Ignored\\Fusion")}),
-      Uninstall(u"G", {Name(u"Autodesk Fusion"), Icon(u"Fusion360.exe")}),
-  });
-  const RunResult r = m.Run({"/status"});
-  ASSERT_EQ(r.err, "");
-  EXPECT_EQ(ReportedPaths(r.out),
-            (std::vector<std::string>{"C:\\QUOTED\\Fusion\\Fusion360.exe", "C:\\Bare\\Fusion\\Fusion360.exe",
-                                      "C:\\Half\\Fusion\\Fusion360.exe"}))
-      << r.out;
-}
 
 TEST_P(LiveDiscovery, RunningProcessesOfThisSessionAndAccount) {
   QV_SKIP_UNLESS(tool().native(), kWhy);

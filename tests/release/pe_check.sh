@@ -5,7 +5,8 @@
 # server aware, subsystem version 6.0 or later; no symbol table and no debug
 # section, but a debug link to the debug information kept in the build
 # folder, with its checksum; the stack protector and the checked string and
-# memory calls linked in.
+# memory calls linked in; a manifest that asks for no elevation and
+# declares long paths.
 #   pe_check.sh BUILD_FOLDER...
 # A folder without Quorvane_Setup.exe is passed over; none at all: skipped.
 set -uo pipefail
@@ -40,6 +41,14 @@ for build in "$@"; do
     fail "does not link to $build/Quorvane_Setup.exe.debug"
   rm -f "$link" "$copy"
   [[ $($objdump -h "$build/Quorvane_Setup.exe.debug") == *" .debug_info "* ]] || fail "has no debug information beside it"
+  # The manifest, which windres gives back as rc strings split over lines,
+  # quotes doubled: run as the invoker, long-path aware, made for Windows 10.
+  manifest=$(x86_64-w64-mingw32-windres -i "$exe" -O rc 2>/dev/null | sed -z 's/"[[:space:]]*\n[[:space:]]*"//g; s/""/"/g')
+  for declaration in '<requestedExecutionLevel level="asInvoker" uiAccess="false"/>' \
+    '<longPathAware xmlns="http://schemas.microsoft.com/SMI/2016/WindowsSettings">true<' \
+    '<supportedOS Id="{8e0f7a12-bfb3-4fe8-b9a5-48fd50a15a9a}"/>'; do
+    [[ $manifest == *"$declaration"* ]] || fail "does not declare $declaration"
+  done
   grep -aq 'stack smashing detected' "$exe" || fail "has no stack protector"
   grep -aq 'buffer overflow detected' "$exe" || fail "has no checked string and memory calls"
 done

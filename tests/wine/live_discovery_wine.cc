@@ -2,7 +2,9 @@
 // written by Wine's own reg.exe in each root and view, a per-user webdeploy
 // tree, and Windows programs running under wine64 (a portable Fusion360.exe
 // and the launcher). Quorvane_Setup.exe under Wine and the native build give
-// the same lines on the same prefix.
+// the same lines on the same prefix, install the same add-ins, and log the
+// same platform calls for the install, so that one sweep of fault points
+// serves both builds.
 #include <pwd.h>
 #include <unistd.h>
 
@@ -23,12 +25,15 @@ TEST_F(WinePrefix, LiveDiscoveryGivesTheSameLinesInBothBuilds) {
 
   // HKCU names a folder through REG_EXPAND_SZ; HKLM's 32-bit view an icon in
   // a webdeploy tree of several builds, which are all scanned, the icon's
-  // first; its 64-bit view an install location with Fusion in bin.
+  // first; its 64-bit view an install location with Fusion in bin. The
+  // entries named by a letter give icons in each form a value may take, each
+  // beside an installation in a folder of its own.
   MakeFusionInstallation(c + "Program Files/QvLive/User");
   for (const char* build : {"b7", "10", "9", "Zulu", "_under"}) {
     MakeFusionInstallation(c + "QvLive/webdeploy/production/" + build);
   }
   MakeFusionInstallation(c + "QvLive/Machine/bin");
+  for (const char* folder : {"Quoted", "Bare", "Half", "Ignored"}) MakeFusionInstallation(c + "QvLive/" + folder + "/Fusion");
   for (const char* build : {"x9", "X10"}) MakeFusionInstallation(c + user + "Local/Autodesk/webdeploy/production/" + build);
   MakeFusionInstallation(c + "QvLive/Portable/bin");
   MakeDirs(c + "QvLive/Portable/PortableData/Roaming/Autodesk/Autodesk Fusion 360/API");
@@ -39,17 +44,33 @@ TEST_F(WinePrefix, LiveDiscoveryGivesTheSameLinesInBothBuilds) {
                              std::filesystem::copy_options::overwrite_existing);
   WriteFile(c + "QvLive/Launcher/fusionlauncher.exe", ReadFile(QUORVANE_WINE_PROBE));
 
-  const std::string uninstall = "\\Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\";
+  const std::string hkcu = "HKCU\\Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\QvLive";
+  const std::string hklm = "HKLM\\Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\QvLive";
   for (const auto& v : std::vector<std::vector<std::string>>{
-           {"HKCU" + uninstall + "QvLiveUser", "DisplayName", "REG_SZ", "Autodesk Fusion", "/reg:64"},
-           {"HKCU" + uninstall + "QvLiveUser", "InstallLocation", "REG_EXPAND_SZ", "%ProgramFiles%\\QvLive\\User",
-            "/reg:64"},
-           {"HKLM" + uninstall + "QvLive32", "DisplayName", "REG_SZ", "AUTODESK FUSION 360", "/reg:32"},
-           {"HKLM" + uninstall + "QvLive32", "DisplayIcon", "REG_SZ",
-            "\"C:\\QvLive\\webdeploy\\production\\b7\\x.ico\",0", "/reg:32"},
-           {"HKLM" + uninstall + "QvLive64", "DisplayName", "REG_EXPAND_SZ", "Autodesk Fusion", "/reg:64"},
-           {"HKLM" + uninstall + "QvLive64", "InstallLocation", "REG_EXPAND_SZ", "%SystemDrive%\\QvLive\\Machine\\",
-            "/reg:64"}}) {
+           {hkcu + "User", "DisplayName", "REG_SZ", "Autodesk Fusion", "/reg:64"},
+           {hkcu + "User", "InstallLocation", "REG_EXPAND_SZ", "%ProgramFiles%\\QvLive\\User", "/reg:64"},
+           {hklm + "32", "DisplayName", "REG_SZ", "AUTODESK FUSION 360", "/reg:32"},
+           {hklm + "32", "DisplayIcon", "REG_SZ", "\"C:\\QvLive\\webdeploy\\production\\b7\\x.ico\",0", "/reg:32"},
+           {hklm + "64", "DisplayName", "REG_EXPAND_SZ", "Autodesk Fusion", "/reg:64"},
+           {hklm + "64", "InstallLocation", "REG_EXPAND_SZ", "%SystemDrive%\\QvLive\\Machine\\", "/reg:64"},
+           // The 32-bit view is scanned first: its spelling of an entry in
+           // both views stays.
+           {hklm + "A", "DisplayName", "REG_SZ", "Autodesk Fusion", "/reg:32"},
+           {hklm + "A", "DisplayIcon", "REG_SZ", "C:\\QvLive\\QUOTED\\Fusion\\fusion.ico", "/reg:32"},
+           {hklm + "A", "DisplayName", "REG_SZ", "Autodesk Fusion", "/reg:64"},
+           {hklm + "A", "DisplayIcon", "REG_SZ", "\"C:\\QvLive\\Quoted\\Fusion\\fusion.ico\",0", "/reg:64"},
+           {hklm + "B", "DisplayName", "REG_SZ", "Autodesk Fusion 360", "/reg:64"},
+           {hklm + "B", "DisplayIcon", "REG_SZ", "C:\\QvLive\\Bare\\Fusion\\Fusion360.exe,3", "/reg:64"},
+           // A quote that does not close gives no icon; the location is read
+           // all the same. Names with anything around them, and bare file
+           // names, lead nowhere.
+           {hklm + "E", "DisplayName", "REG_SZ", "Autodesk Fusion", "/reg:64"},
+           {hklm + "E", "DisplayIcon", "REG_SZ", "\"C:\\QvLive\\Ignored\\Fusion\\Fusion360.exe", "/reg:64"},
+           {hklm + "E", "InstallLocation", "REG_SZ", "C:\\QvLive\\Half\\Fusion", "/reg:64"},
+           {hklm + "F", "DisplayName", "REG_SZ", "Autodesk Fusion 360 (Beta)", "/reg:64"},
+           {hklm + "F", "InstallLocation", "REG_SZ", "C:\\QvLive\\Ignored\\Fusion", "/reg:64"},
+           {hklm + "G", "DisplayName", "REG_SZ", "Autodesk Fusion", "/reg:64"},
+           {hklm + "G", "DisplayIcon", "REG_SZ", "Fusion360.exe", "/reg:64"}}) {
     const RunResult reg = Wine({"reg", "add", v[0], "/v", v[1], "/t", v[2], "/d", v[3], "/f", v[4]});
     ASSERT_EQ(reg.exitCode, 0) << v[0] << " " << v[1] << ": " << reg.out << reg.err;
   }
@@ -64,17 +85,36 @@ TEST_F(WinePrefix, LiveDiscoveryGivesTheSameLinesInBothBuilds) {
   ASSERT_TRUE(fusion.WaitForOutput("up")) << "the portable Fusion did not come up";
   ASSERT_TRUE(launcher.WaitForOutput("up")) << "the launcher did not come up";
 
-  std::map<std::string, std::vector<std::string>> lines;
+  const std::string addIns[] = {c + user + "Roaming/Autodesk/Autodesk Fusion 360/API/AddIns/KELDARO_Quorvane",
+                                c + "QvLive/Portable/PortableData/Roaming/Autodesk/Autodesk Fusion 360/API/AddIns/KELDARO_Quorvane"};
+  struct Outcome {
+    std::vector<std::string> lines;  // exit code and output of each run
+    std::vector<TreeSnapshot> installed;
+    std::vector<std::string> operations;  // the install's, without the walk of the process table
+  };
+  std::map<std::string, Outcome> outcomes;
+  TempDir logs;
   for (const ToolUnderTest& tool : {wine, NativeTool()}) {
     if (!tool.missing.empty()) continue;
+    Outcome& outcome = outcomes[tool.name];
+    // Each build starts from the same disk: no add-ins, backups or inventory.
     for (const std::string state : {"Roaming/KELDARO", "Local/Quorvane"}) std::filesystem::remove_all(c + user + state);
     std::filesystem::remove_all(c + "QvLive/Portable/PortableData/Roaming/KELDARO");
+    for (const std::string& addIn : addIns) std::filesystem::remove_all(std::filesystem::path(addIn).parent_path());
+    const std::string log = logs / tool.name;
     for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
              {"/status"}, {"/install", "/package", "C:\\QvLive\\package"}, {"/uninstall"}}) {
-      const RunResult r = Machine(tool, prefix).Run(args);
+      const bool installs = args[0] == "/install";
+      const RunResult r = Machine(tool, prefix).Run(args, installs ? EnvChanges{{"QUORVANE_FAULTS_LOG", log}} : EnvChanges{});
       // Transaction ids (tick and process id) differ from run to run.
-      lines[tool.name].push_back(std::to_string(r.exitCode) + "\n" +
-                                 std::regex_replace(r.out + r.err, std::regex("InstallBackups\\\\[0-9-]+"), "<id>"));
+      outcome.lines.push_back(std::to_string(r.exitCode) + "\n" +
+                              std::regex_replace(r.out + r.err, std::regex("InstallBackups\\\\[0-9-]+"), "<id>"));
+      for (const std::string& addIn : addIns) {
+        if (installs) outcome.installed.push_back(SnapshotTree(addIn));
+      }
+    }
+    for (const LoggedCall& call : ReadCallLog(log)) {
+      if (call.operation != "Process32NextW") outcome.operations.push_back(call.operation);
     }
   }
   fusion.Finish(9);
@@ -86,26 +126,34 @@ TEST_F(WinePrefix, LiveDiscoveryGivesTheSameLinesInBothBuilds) {
   // portable Fusion with its own profile; webdeploy builds in Windows's order.
   const std::string tree = "C:\\QvLive\\webdeploy\\production\\";
   const std::string own = userWin + "Local\\Autodesk\\webdeploy\\production\\";
-  std::string status = "1\nQuorvane v0.1.8\nAutodesk Fusion installations: 10\n";
-  for (const std::string& folder : std::vector<std::string>{"C:\\Program Files\\QvLive\\User", tree + "b7", tree + "10", tree + "9",
-                                    tree + "Zulu", tree + "_under", "C:\\QvLive\\Machine\\bin", own + "X10", own + "x9",
-                                    "C:\\QvLive\\Portable\\bin"}) {
+  std::string status = "1\nQuorvane v0.1.8\nAutodesk Fusion installations: 13\n";
+  for (const std::string& folder : std::vector<std::string>{
+           "C:\\Program Files\\QvLive\\User", tree + "b7", tree + "10", tree + "9", tree + "Zulu", tree + "_under",
+           "C:\\QvLive\\QUOTED\\Fusion", "C:\\QvLive\\Machine\\bin", "C:\\QvLive\\Bare\\Fusion",
+           "C:\\QvLive\\Half\\Fusion", own + "X10", own + "x9", "C:\\QvLive\\Portable\\bin"}) {
     const std::string profile = folder.starts_with("C:\\QvLive\\Portable") ? "C:\\QvLive\\Portable\\PortableData\\Roaming"
                                                                             : userWin + "Roaming";
     status += "Path: " + folder + "\\Fusion360.exe\nVersion: \nAdd-In path: " + profile +
               "\\Autodesk\\Autodesk Fusion 360\\API\\AddIns\\KELDARO_Quorvane\nAdd-In: Not installed or incomplete\n";
   }
-  const std::vector<std::string>& native = lines["native"];
-  ASSERT_EQ(native.size(), 3u);
-  EXPECT_EQ(native[0], status + "Fusion running: Yes\n");
-  EXPECT_TRUE(native[1].starts_with("0\n") && native[1].ends_with("\nRestart Autodesk Fusion to activate/update the Quorvane.\n"))
-      << native[1];
-  EXPECT_TRUE(native[2].starts_with("0\n") && native[2].ends_with("\nRestart Autodesk Fusion to complete removal.\n"))
-      << native[2];
+  const Outcome& native = outcomes["native"];
+  ASSERT_EQ(native.lines.size(), 3u);
+  EXPECT_EQ(native.lines[0], status + "Fusion running: Yes\n");
+  EXPECT_TRUE(native.lines[1].starts_with("0\n") &&
+              native.lines[1].ends_with("\nRestart Autodesk Fusion to activate/update the Quorvane.\n"))
+      << native.lines[1];
+  EXPECT_TRUE(native.lines[2].starts_with("0\n") &&
+              native.lines[2].ends_with("\nRestart Autodesk Fusion to complete removal.\n"))
+      << native.lines[2];
+  for (const TreeSnapshot& installed : native.installed) EXPECT_EQ(installed, UpdatedAddIn({}));
   for (const std::string& folder : std::vector<std::string>{"QvLive", "Program Files/QvLive", user + "Local/Autodesk/webdeploy"})
     std::filesystem::remove_all(c + folder);
   QV_SKIP_UNLESS(wine.missing.empty(), wine.missing << ": native build only");
-  EXPECT_EQ(lines["wine"], native);
+  EXPECT_EQ(outcomes["wine"].lines, native.lines);
+  EXPECT_EQ(outcomes["wine"].installed, native.installed);
+  QV_SKIP_UNLESS(wine.faults && NativeTool().faults, "No fault points in a build: no call logs to compare");
+  EXPECT_GT(native.operations.size(), 100u);
+  EXPECT_EQ(outcomes["wine"].operations, native.operations);
 }
 
 }  // namespace

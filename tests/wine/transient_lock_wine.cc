@@ -1,10 +1,7 @@
 // Quorvane_Setup.exe under wine64 while another program holds a file of the
 // run open: a hold that ends within the retries lets the run succeed, one
-// that outlasts them fails the run, which then rolls every profile back. And
-// the manifest of the .exe, which declares it long-path aware.
+// that outlasts them fails the run, which then rolls every profile back.
 #include <gtest/gtest.h>
-
-#include <regex>
 
 #include "support/scene.h"
 
@@ -45,24 +42,6 @@ TEST_F(WinePrefix, BriefHoldsAreWaitedOutAndLastingOnesRollBack) {
     // Both profiles were staged when the run fails.
     if (c.trigger.empty()) ExpectRolledBack(s, before, r, 2);
     else ExpectCompleted(s, before, r, false);
-  }
-}
-
-TEST_F(WinePrefix, ManifestDeclaresItsLevelAndLongPathAwareness) {
-  // The release build's, as shipped.
-  const std::string release = std::string(QUORVANE_SOURCE_DIR) + "/build/windows/Quorvane_Setup.exe";
-  QV_SKIP_UNLESS(Exists(release) && Exists(QUORVANE_WINDRES), "No release .exe or no MinGW windres");
-  const RunResult r = test::Run(QUORVANE_WINDRES, {"-i", release, "-O", "rc"});
-  ASSERT_EQ(r.exitCode, 0) << r.err;
-  // The RT_MANIFEST resource comes back as rc strings, quotes doubled.
-  const std::size_t start = r.out.find("1 24 ");
-  ASSERT_NE(start, std::string::npos) << r.out;
-  std::string xml = r.out.substr(start, r.out.find("\nEND", start) - start);
-  xml = std::regex_replace(std::regex_replace(xml, std::regex("\"\\s*\n\\s*\""), ""), std::regex("\"\""), "\"");
-  for (const char* declaration : {R"(<requestedExecutionLevel level="asInvoker" uiAccess="false"/>)",
-                                  R"(<longPathAware xmlns="http://schemas.microsoft.com/SMI/2016/WindowsSettings">true<)",
-                                  R"(<supportedOS Id="{8e0f7a12-bfb3-4fe8-b9a5-48fd50a15a9a}"/>)"}) {
-    EXPECT_NE(xml.find(declaration), std::string::npos) << declaration << "\n" << xml;
   }
 }
 

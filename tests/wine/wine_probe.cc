@@ -11,9 +11,8 @@
 //   wine_probe.exe profile DATA_DIR QUERIES OUTPUT
 //       asks GetPrivateProfileStringW each question of QUERIES (file, section,
 //       key, default, buffer size, tab-separated; \uXXXX for a code unit, \\ for
-//       a backslash; the file relative to DATA_DIR) and writes each line with a
-//       tab, the result, a tab and the units placed in the buffer; then the
-//       result and last error of the flush call the inventory writer makes
+//       a backslash; the file relative to DATA_DIR) and writes a line for each:
+//       the result, a tab, and the units placed in the buffer, four hex digits each
 #include <windows.h>
 
 #include <cstdio>
@@ -67,45 +66,28 @@ std::wstring Unescape(const std::wstring& field) {
   return out;
 }
 
-// Code units as four hex digits, separated by blanks; a run of four or more
-// equal units once, with "*count" behind it.
-std::string Units(const wchar_t* units, std::size_t count) {
-  std::string out;
-  char text[32];
-  for (std::size_t i = 0, run = 1; i < count; i += run, run = 1) {
-    while (i + run < count && units[i + run] == units[i]) ++run;
-    if (run < 4) run = 1;
-    std::snprintf(text, sizeof text, run >= 4 ? " %04X*%zu" : " %04X", unsigned(units[i]), run);
-    out += text + (out.empty() ? 1 : 0);
-  }
-  return out;
-}
-
 int Profile(const std::wstring& data, const std::wstring& queries, const std::wstring& output) {
   std::ifstream in(Utf8(queries), std::ios::binary);
   std::ofstream out(Utf8(output), std::ios::binary);
   for (std::string line; std::getline(in, line);) {
+    if (line.empty()) continue;
     std::wstring wide;
     for (unsigned char c : line) wide += wchar_t(c);
     const std::vector<std::wstring> f = Split(wide, L'\t');
-    if (line.empty()) continue;
     if (f.size() != 5) return 2;
     const DWORD size = std::stoul(f[4]);
-    // Sentinels behind the buffer show whether the call wrote past it.
-    std::vector<wchar_t> buffer(size + 8, wchar_t(0xCCCC));
+    std::vector<wchar_t> buffer(size + 1);
     const DWORD result = GetPrivateProfileStringW(Unescape(f[1]).c_str(), Unescape(f[2]).c_str(),
                                                   Unescape(f[3]).c_str(), buffer.data(), size,
                                                   (data + L"\\" + Unescape(f[0])).c_str());
-    out << line << '\t' << result << '\t' << Units(buffer.data(), result < size ? result : size);
-    if (result < size && buffer[result] != 0) out << " !noterm";
-    for (DWORD i = size; i < size + 8; ++i) {
-      if (buffer[i] != wchar_t(0xCCCC)) { out << " !overrun"; break; }
+    out << result << '\t';
+    char unit[8];
+    for (DWORD i = 0; i < result && i < size; ++i) {
+      std::snprintf(unit, sizeof unit, "%04X", unsigned(buffer[i]));
+      out << unit;
     }
     out << '\n';
   }
-  SetLastError(0);
-  const BOOL flushed = WritePrivateProfileStringW(nullptr, nullptr, nullptr, (data + L"\\basic_utf16.ini").c_str());
-  out << "#flush\t" << (flushed ? 1 : 0) << '\t' << GetLastError() << '\n';
   return 0;
 }
 
