@@ -17,50 +17,21 @@ using Names = std::vector<std::u16string>;
 using Bytes = std::vector<std::uint8_t>;
 
 // The lines Wine writes are read in the registry calls below (and from a
-// prefix Wine made, in tests/wine); here what a hand-edited file may hold.
-TEST(WineRegistryReader, ValueLinesAsWineReadsThem) {
-  struct Row {
-    std::string line;
-    const char16_t* name;
-    std::u16string text;
-  };
-  const Row rows[] = {
-      {"\"Crlf\"=\"y\"\r", u"Crlf", u"y"},
-      {"\"a\"=\"\\x41\\x4a\\x \\101\\q\\\\\"", u"a", u"AJx Aq\\"},
-      {"\"b\"=\"\xc3\xa9 \xe6\x97\xa5 \xff \\\xc3\xa9\xe0\x80\"", u"b", u"é 日 \uFFFD é\uFFFD\uFFFD"},
-      {"\"X\"=\"good\"", u"X", u"good"},
-  };
-  std::string text =
-      "WINE REGISTRY Version 2\n\"Orphan\"=\"before any "
-      "key\"\n[Software\\\\Shapes] 1795423466\n"
-      "#time=1dd7b26d8da7df8\n#class=\"Shape class\"\n";
-  for (const Row& row : rows) text += row.line + "\n";
-  // Bad lines are skipped: the good value before them stays. Hex data does
-  // not run on into the next header.
-  text +=
-      "\"X\"=dword:zz\n\"X\"=hex:1ff\n\"X\"=hex:01,\\\n  "
-      "zz\n\"Y\"=bogus:1\ngarbage line\n\"Z\"=hex:01,\\\n[Next] 1\n";
-  const auto key = ReadWineRegistryKey(text, u"SOFTWARE\\shapes");
-  ASSERT_EQ(key.values.size(), std::size(rows));
-  for (std::size_t i = 0; i < std::size(rows); ++i) {
-    EXPECT_EQ(key.values[i].name, rows[i].name) << rows[i].line;
-    EXPECT_EQ(key.values[i].type, kRegSz) << rows[i].line;
-    EXPECT_EQ(key.values[i].data, Utf16LeBytes(rows[i].text)) << rows[i].line;
-  }
-  EXPECT_TRUE(ReadWineRegistryKey(text, u"").values.empty());
-  EXPECT_TRUE(ReadWineRegistryKey(text, u"next").exists);
-}
-
-TEST(WineRegistryReader, KeysInWinesOrderAndAddedAfterIt) {
-  // Wine's ordered run (checked against Wine's own listing in tests/wine),
-  // then keys added at the end by hand; names with escapes; a key given
-  // twice; headers Wine refuses.
+// prefix Wine made, in tests/wine); here what a hand-edited file may hold:
+// Wine's ordered run of keys, then keys added at the end by hand; names and
+// strings with escapes; a key given twice; headers and lines Wine refuses,
+// which are skipped (the good value before them stays; hex data does not run
+// on into the next header).
+TEST(WineRegistryReader, KeysAndValuesAsWineReadsThem) {
   const std::string text =
-      "WINE REGISTRY Version 2\n"
-      "[Software\\\\A] 1\n\"V\"=\"a\"\n"
-      "[Software\\\\C\\\\x\\x00c9] 1\n\"V\"=\"c-e\"\n"
+      "WINE REGISTRY Version 2\n\"Orphan\"=\"before any key\"\n"
+      "[Software\\\\A] 1\n#time=1dd7b26d8da7df8\n#class=\"Shape class\"\n\"V\"=\"a\"\r\n"
+      "\"E\"=\"\\x41\\x4a\\x \\101\\q\\\\ \xc3\xa9 \xe6\x97\xa5 \xff \\\xc3\xa9\xe0\x80\"\n"
+      "\"X\"=\"good\"\n\"X\"=dword:zz\n\"X\"=hex:1ff\n\"X\"=hex:01,\\\n  zz\n\"Y\"=bogus:1\ngarbage line\n"
+      "\"Z\"=hex:01,\\\n"
+      "[Software\\\\C\\\\x\\x00c9] 1\n"
       "[Software\\\\Q\\\\R\\\\S] 1\n"
-      "[software\\\\b] 1\n\"V\"=\"b\"\n"
+      "[software\\\\b] 1\n"
       "[Software\\\\C] 1\n"
       "[Software\\\\A\\\\Deep] 1\n"
       "[Software\\\\A\\\\\xc3\xa9] 1\n"
@@ -78,10 +49,15 @@ TEST(WineRegistryReader, KeysInWinesOrderAndAddedAfterIt) {
     EXPECT_FALSE(ReadWineRegistryKey(text, key).exists) << WideToUtf8(key);
   }
   // From both headers, the later data winning, the first name kept.
-  const auto a = ReadWineRegistryKey(text, u"software\\A").values;
-  ASSERT_EQ(a.size(), 2u);
-  EXPECT_EQ(a[0].name, u"V");
-  EXPECT_EQ(a[0].data, Utf16LeBytes(u"a2"));
+  const std::pair<std::u16string, std::u16string> expected[] = {
+      {u"V", u"a2"}, {u"E", u"AJx Aq\\ é 日 \uFFFD é\uFFFD\uFFFD"}, {u"X", u"good"}, {u"W", u"w"}};
+  const auto values = ReadWineRegistryKey(text, u"software\\A").values;
+  ASSERT_EQ(values.size(), std::size(expected));
+  for (std::size_t i = 0; i < std::size(expected); ++i) {
+    EXPECT_EQ(values[i].name, expected[i].first);
+    EXPECT_EQ(values[i].type, kRegSz);
+    EXPECT_EQ(values[i].data, Utf16LeBytes(expected[i].second)) << WideToUtf8(expected[i].first);
+  }
   // Without Wine's first line the file holds nothing.
   EXPECT_FALSE(ReadWineRegistryKey("WINE REGISTRY Version 1\n[K]\n", u"K").exists);
   EXPECT_TRUE(ReadWineRegistryKey("WINE REGISTRY Version 2\r\n[K] 1\r\n", u"k").exists);
