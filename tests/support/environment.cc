@@ -125,11 +125,6 @@ bool Exists(const std::string& path) {
   return ::lstat(path.c_str(), &info) == 0;
 }
 
-std::string Utf16LeWithBom(const std::u16string& text) {
-  const std::vector<std::uint8_t> units = Utf16LeBytes(u"\uFEFF" + text, false);
-  return std::string(units.begin(), units.end());
-}
-
 std::vector<std::uint8_t> Utf16LeBytes(const std::u16string& text, bool terminate) {
   std::vector<std::uint8_t> bytes;
   for (char16_t c : text)

@@ -51,9 +51,8 @@ void MakeDirs(const std::string& path);
 void MakeSymlink(const std::string& target, const std::string& linkPath);
 bool Exists(const std::string& path);  // lstat: a dangling link exists
 
-// UTF-16LE bytes: with a BOM, as the Windows tools write text files; and as
-// a registry value holds them, with the terminating NUL unless told not to.
-std::string Utf16LeWithBom(const std::u16string& text);
+// UTF-16LE bytes, as a registry value holds them: with the terminating NUL
+// unless told not to.
 std::vector<std::uint8_t> Utf16LeBytes(const std::u16string& text, bool terminate = true);
 
 struct RunResult {

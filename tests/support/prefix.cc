@@ -35,7 +35,7 @@ std::string Escape(const std::u16string& text, const std::string& special = "") 
 std::string WineRegText(const std::vector<RegFileKey>& keys, const std::u16string& relativeTo) {
   std::string out = "WINE REGISTRY Version 2\n;; All keys relative to " + Escape(relativeTo) + "\n\n#arch=win64\n";
   for (const RegFileKey& key : keys) {
-    out += "\n[" + Escape(key.path, "[]") + "] 1795423466\n#time=1dd7b26d8da7df8\n" + (key.link ? "#link\n" : "");
+    out += "\n[" + Escape(key.path, "[]") + "] 1795423466\n#time=1dd7b26d8da7df8\n";
     for (const RegFileValue& value : key.values) {
       out += (value.name.empty() ? "@=" : "\"" + Escape(value.name, "\"") + "\"=") + value.data + "\n";
     }
@@ -62,16 +62,6 @@ RegFileValue TypedValue(const std::u16string& name, std::uint32_t type, const st
   return {name, line};
 }
 
-RegFileValue LinkValue(const std::u16string& target) {
-  return TypedValue(u"SymbolicLinkValue", 6, Utf16LeBytes(target, false));
-}
-
-std::string SystemRegFile(const std::vector<RegFileKey>& keys) { return WineRegText(keys, u"REGISTRY\\Machine"); }
-
-std::string UserRegFile(const std::vector<RegFileKey>& keys, const std::u16string& sid) {
-  return WineRegText(keys, u"REGISTRY\\User\\" + sid);
-}
-
 void FixturePrefix::WriteRegistry(const std::vector<RegFileKey>& machineKeys, const std::vector<RegFileKey>& userKeys,
                                   bool profileList) const {
   std::vector<RegFileKey> machine{{u"Software\\Microsoft\\Windows NT\\CurrentVersion", {SzValue(u"CurrentVersion", u"6.1")}}};
@@ -82,8 +72,8 @@ void FixturePrefix::WriteRegistry(const std::vector<RegFileKey>& machineKeys, co
   machine.insert(machine.end(), machineKeys.begin(), machineKeys.end());
   std::vector<RegFileKey> user{{u"Software\\Wine", {}}};
   user.insert(user.end(), userKeys.begin(), userKeys.end());
-  WriteFile(root + "/system.reg", SystemRegFile(machine));
-  WriteFile(root + "/user.reg", UserRegFile(user, Utf8ToWide(sid)));
+  WriteFile(root + "/system.reg", WineRegText(machine, u"REGISTRY\\Machine"));
+  WriteFile(root + "/user.reg", WineRegText(user, u"REGISTRY\\User\\" + Utf8ToWide(sid)));
 }
 
 void FixturePrefix::AddProcess(int pid, const std::string& argv0, const std::string& comm, unsigned uid,
@@ -111,7 +101,7 @@ FixturePrefix MakeFixturePrefix(const std::string& folder, bool profileList) {
   return prefix;
 }
 
-WString WinPath(const std::string& relative) {
+WString PrefixCase::Win(const std::string& relative) {
   std::string text = "C:\\" + relative;
   std::replace(text.begin(), text.end(), '/', '\\');
   return Utf8ToWide(text);
@@ -120,7 +110,8 @@ WString WinPath(const std::string& relative) {
 std::string InventoryText(const std::vector<std::string>& lines) {
   std::string text;
   for (const std::string& line : lines) text += line + "\r\n";
-  return Utf16LeWithBom(Utf8ToWide(text));
+  const std::vector<std::uint8_t> bytes = Utf16LeBytes(u"\uFEFF" + Utf8ToWide(text), false);
+  return std::string(bytes.begin(), bytes.end());
 }
 
 std::string InventoryBytes(const std::vector<std::pair<std::string, std::string>>& records) {

@@ -30,19 +30,12 @@ struct RegFileValue {
 struct RegFileKey {
   std::u16string path;  // relative to the file's root, single backslashes
   std::vector<RegFileValue> values;
-  bool link = false;    // "#link": the key's target is its SymbolicLinkValue
 };
 
 RegFileValue SzValue(const std::u16string& name, const std::u16string& text);
 RegFileValue DwordValue(const std::u16string& name, std::uint32_t value);
 // Any bytes as hex(N):, as Wine saves what is no whole string.
 RegFileValue TypedValue(const std::u16string& name, std::uint32_t type, const std::vector<std::uint8_t>& bytes);
-// A link key's value: the target as "\Registry\Machine\..." (type 6, no NUL).
-RegFileValue LinkValue(const std::u16string& target);
-
-// Whole files, keys in the order given: system.reg, and user.reg of `sid`.
-std::string SystemRegFile(const std::vector<RegFileKey>& keys);
-std::string UserRegFile(const std::vector<RegFileKey>& keys, const std::u16string& sid = u"S-1-5-21-0-0-0-1000");
 
 // --- The prefix ------------------------------------------------------------
 
@@ -77,9 +70,6 @@ struct FixturePrefix {
 // table.
 FixturePrefix MakeFixturePrefix(const std::string& folder, bool profileList = true);
 
-// "C:\<relative>", the relative part written with "/".
-WString WinPath(const std::string& relative);
-
 // A saved inventory as the tool writes it: UTF-16LE with its byte order
 // mark, every line ended by CR LF; lines given in UTF-8. InventoryBytes
 // writes the file for (executable, appData) records, Windows paths as given.
@@ -101,7 +91,8 @@ class PrefixCase : public ::testing::Test {
 
   // Host path of "C:\<relative>".
   std::string Host(const std::string& relative) const { return prefix_.C(relative); }
-  static WString Win(const std::string& relative) { return WinPath(relative); }
+  // "C:\<relative>", the relative part written with "/".
+  static WString Win(const std::string& relative);
 
   TempDir temp_;
   FixturePrefix prefix_;

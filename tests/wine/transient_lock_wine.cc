@@ -8,39 +8,32 @@
 namespace qv::test {
 namespace {
 
-struct LockCase {
-  const char* what;
-  std::string held;     // host path
-  int share;            // the holder's share mode
-  std::string trigger;  // Windows pattern after which a brief hold ends; empty: held past the bound
-};
-
 TEST_F(WinePrefix, BriefHoldsAreWaitedOutAndLastingOnesRollBack) {
   QV_SKIP_UNLESS(wine.missing.empty(), wine.missing);
   // Profile 0 is the default one, found in webdeploy; profile 1 comes from
   // the saved inventory and is swapped second.
-  const auto cases = [](const ProfileScene& s) {
-    const std::string inventory = s.InventoryFile(), addIn = s.AddIn(1), file = s.AddIn(1) + "/save_policy.py";
-    return std::vector<LockCase>{
+  for (int i = 0; i < 4; ++i) {
+    const ProfileScene s(wine, 2);
+    const std::string inventory = s.InventoryFile(), addIn = s.AddIn(1);
+    // What is held, the holder's share mode (0 none, 3 read and write), and
+    // the Windows pattern after which a brief hold ends. A lasting hold fails
+    // the run as any failed call does, which the fault sweeps check at every
+    // call.
+    const std::tuple<const char*, std::string, int, std::string> cases[] = {
         {"inventory replaced while briefly open", inventory, 3, s.Win(inventory) + ".*.tmp"},
         {"second add-in renamed while briefly open", addIn, 3, s.Win(s.Backups(0)) + "\\*\\before"},
-        {"add-in file copied while briefly held unshared", file, 0, s.Win(s.Backups(1)) + "\\*"},
-        // A lasting hold fails the run as any failed call does, which the
-        // fault sweeps check at every call.
+        {"add-in file copied while briefly held unshared", addIn + "/save_policy.py", 0, s.Win(s.Backups(1)) + "\\*"},
         {"second add-in open past the bound", addIn, 3, ""}};
-  };
-  for (std::size_t i = 0; i < 4; ++i) {
-    const ProfileScene s(wine, 2);
-    const LockCase c = cases(s)[i];
-    SCOPED_TRACE(c.what);
+    const auto& [what, held, share, trigger] = cases[i];
+    SCOPED_TRACE(what);
     const Before before(s);
-    std::vector<std::string> holder{"hold", s.Win(c.held), std::to_string(c.share)};
-    if (!c.trigger.empty()) holder.insert(holder.end(), {c.trigger, "300"});
+    std::vector<std::string> holder{"hold", s.Win(held), std::to_string(share)};
+    if (!trigger.empty()) holder.insert(holder.end(), {trigger, "300"});
     Background holding = s.machine.Start(QUORVANE_WINE_PROBE, holder);
-    ASSERT_TRUE(holding.WaitForOutput("holding")) << "the probe ended without holding " << c.held;
+    ASSERT_TRUE(holding.WaitForOutput("holding")) << "the probe ended without holding " << held;
     const RunResult r = s.Tool("/install");
     // Both profiles were staged when the run fails.
-    if (c.trigger.empty()) ExpectRolledBack(s, before, r, 2);
+    if (trigger.empty()) ExpectRolledBack(s, before, r, 2);
     else ExpectCompleted(s, before, r, false);
   }
 }
