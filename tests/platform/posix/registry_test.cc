@@ -18,7 +18,7 @@ using Bytes = std::vector<std::uint8_t>;
 
 // The lines Wine writes are read in the registry calls below (and from a
 // prefix Wine made, in tests/wine); here what a hand-edited file may hold:
-// Wine's ordered run of keys, then keys added at the end by hand; names and
+// keys in any order, which are listed in Wine's; names and
 // strings with escapes; a key given twice; headers and lines Wine refuses,
 // which are skipped (the good value before them stays; hex data does not run
 // on into the next header).
@@ -37,8 +37,15 @@ TEST(WineRegistryReader, KeysAndValuesAsWineReadsThem) {
       "[Software\\\\A\\\\\xc3\xa9] 1\n"
       "[Bad\\\\\\\\Name] 1\n\"V\"=\"bad\"\n"
       "[Unterminated\n"
+      // Names whose order depends on the case folding, in the order of a
+      // .reg file that Wine's regedit imported; Ab names aB's key again.
+      "[O\\\\zeta] 1\n[O\\\\a_b] 1\n[O\\\\aB] 1\n[O\\\\_x] 1\n[O\\\\AA] 1\n[O\\\\a1] 1\n[O\\\\Z] 1\n[O\\\\a^] 1\n"
+      "[O\\\\Ab] 1\n[O\\\\a] 1\n"
       "[Software\\\\a] 2\n\"v\"=\"a2\"\n\"W\"=\"w\"\n";
-  EXPECT_EQ(ReadWineRegistryKey(text, u"").subkeys, (Names{u"Software"}));
+  EXPECT_EQ(ReadWineRegistryKey(text, u"").subkeys, (Names{u"O", u"Software"}));
+  // As Wine's `reg query` lists them: names compared in lower case.
+  EXPECT_EQ(ReadWineRegistryKey(text, u"o").subkeys,
+            (Names{u"_x", u"a", u"a1", u"a^", u"a_b", u"AA", u"aB", u"Z", u"zeta"}));
   EXPECT_EQ(ReadWineRegistryKey(text, u"SOFTWARE").subkeys, (Names{u"A", u"b", u"C", u"Q"}));
   EXPECT_EQ(ReadWineRegistryKey(text, u"software\\a").subkeys, (Names{u"Deep", u"é"}));
   EXPECT_EQ(ReadWineRegistryKey(text, u"Software\\C").subkeys, Names{u"xÉ"});
