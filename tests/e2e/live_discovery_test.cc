@@ -54,9 +54,9 @@ TEST_P(LiveDiscovery, RunningProcessesOfThisSessionAndAccount) {
             "AddIns\\KELDARO_Quorvane\nAdd-In: Not installed or incomplete\nFusion running: Yes\n");
 }
 
-// A failure of the process listing or of the inventory stops discovery; a
-// running Fusion off the drives is refused only where the running entries are
-// judged, so it hides no earlier failure.
+// A failure of the process listing or of the inventory stops discovery, and
+// with it every action; a running Fusion off the drives is refused only where
+// the running entries are judged, so it hides no earlier failure.
 TEST_P(LiveDiscovery, ProcessFailuresStopDiscoveryInTheirOrder) {
   QV_SKIP_UNLESS(tool().native(), kWhy);
   const std::string offDrive = "\\\\server\\share\\Fusion360.exe", noApi = "C:\\NoApi\\Fusion360.exe";
@@ -85,10 +85,13 @@ TEST_P(LiveDiscovery, ProcessFailuresStopDiscoveryInTheirOrder) {
     }
     if (row.badInventory)
       WriteFile(m.prefix.LocalHost() + "/Quorvane/Installation.ini", InventoryText({"[Fusion]", "Count=x"}));
-    const RunResult r = m.Run({"/status"});
-    EXPECT_EQ(r.exitCode, 5) << row.message;
-    EXPECT_EQ(r.out, "");
-    EXPECT_EQ(r.err, row.message + "\n");
+    // Before any change: an uninstall stops where a report does.
+    for (const std::string action : {"/status", "/uninstall"}) {
+      const RunResult r = m.Run({action});
+      EXPECT_EQ(r.exitCode, 5) << action << ": " << row.message;
+      EXPECT_EQ(r.out, "");
+      EXPECT_EQ(r.err, row.message + "\n");
+    }
   }
 }
 
