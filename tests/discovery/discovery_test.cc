@@ -1,8 +1,8 @@
 // Discovery on a fixture prefix: what makes a Fusion installation, the
-// webdeploy scan, the profile a candidate gets, and the merge of the sources.
+// profile a candidate gets, and the merge of the sources. (The scans of the
+// registry and of webdeploy trees run on a prefix Wine made: tests/wine.)
 #include "discovery/discovery.h"
 
-#include <algorithm>
 #include <filesystem>
 
 #include "paths/path_rules.h"
@@ -58,20 +58,6 @@ TEST_F(DiscoveryTest, AnInstallationNeedsItsNameAndEveryApiFileOfItsKind) {
     EXPECT_EQ(HasElectronicsApi(Win(folder + rows[i].executable)), rows[i].complete) << folder << rows[i].executable;
   }
   EXPECT_TRUE(HasElectronicsApi(u"C:/F0/Fusion360.exe"));
-}
-
-TEST_F(DiscoveryTest, WebdeployScanAddsCompleteInstallationsOfImmediateSubfoldersOnce) {
-  // Hidden, nested and incomplete builds are left to the end-to-end runs.
-  const WString a = Fusion("wd/a1b2");
-  Fusion("wd/Known");
-  MakeFusionInstallation(Host("wd"));  // in the scanned folder itself
-  Fusion("outside/g7h8");
-  MakeSymlink(Host("outside/g7h8"), Host("wd/linked"));  // a link to a folder counts as one
-  ExecutableList found{u"c:\\WD\\known\\FUSION360.EXE"};
-  ScanWebDeploy(Win("wd"), found);
-  ScanWebDeploy(u"C:\\WD\\", found);
-  std::sort(found.begin() + 1, found.end());  // the listing's order is not fixed
-  EXPECT_EQ(found, (ExecutableList{u"c:\\WD\\known\\FUSION360.EXE", a, Win("wd/linked/Fusion360.exe")}));
 }
 
 TEST_F(DiscoveryTest, ProfileComesFromTheSavedRecordThenThePortableLayoutThenTheDefault) {

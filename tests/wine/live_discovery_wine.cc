@@ -34,7 +34,13 @@ TEST_F(WinePrefix, LiveDiscoveryGivesTheSameLinesInBothBuilds) {
   }
   MakeFusionInstallation(c + "QvLive/Machine/bin");
   for (const char* folder : {"Quoted", "Bare", "Half", "Ignored"}) MakeFusionInstallation(c + "QvLive/" + folder + "/Fusion");
-  for (const char* build : {"x9", "X10"}) MakeFusionInstallation(c + user + "Local/Autodesk/webdeploy/production/" + build);
+  // The account's webdeploy tree: builds, one behind a leading dot, a link
+  // to a folder, which counts as one, and an installation in the scanned
+  // folder itself, which does not.
+  const std::string production = c + user + "Local/Autodesk/webdeploy/production";
+  for (const char* build : {"x9", "X10", ".hidden", ""}) MakeFusionInstallation(production + "/" + build);
+  MakeFusionInstallation(c + "QvLive/Linked");
+  MakeSymlink(c + "QvLive/Linked", production + "/linked");
   MakeFusionInstallation(c + "QvLive/Portable/bin");
   MakeDirs(c + "QvLive/Portable/PortableData/Roaming/Autodesk/Autodesk Fusion 360/API");
   MakeDirs(c + "QvLive/Portable/PortableData/Local");
@@ -126,11 +132,11 @@ TEST_F(WinePrefix, LiveDiscoveryGivesTheSameLinesInBothBuilds) {
   // portable Fusion with its own profile; webdeploy builds in Windows's order.
   const std::string tree = "C:\\QvLive\\webdeploy\\production\\";
   const std::string own = userWin + "Local\\Autodesk\\webdeploy\\production\\";
-  std::string status = "1\nQuorvane v0.1.8\nAutodesk Fusion installations: 13\n";
+  std::string status = "1\nQuorvane v0.1.8\nAutodesk Fusion installations: 14\n";
   for (const std::string& folder : std::vector<std::string>{
            "C:\\Program Files\\QvLive\\User", tree + "b7", tree + "10", tree + "9", tree + "Zulu", tree + "_under",
            "C:\\QvLive\\QUOTED\\Fusion", "C:\\QvLive\\Machine\\bin", "C:\\QvLive\\Bare\\Fusion",
-           "C:\\QvLive\\Half\\Fusion", own + "X10", own + "x9", "C:\\QvLive\\Portable\\bin"}) {
+           "C:\\QvLive\\Half\\Fusion", own + "linked", own + "X10", own + "x9", "C:\\QvLive\\Portable\\bin"}) {
     const std::string profile = folder.starts_with("C:\\QvLive\\Portable") ? "C:\\QvLive\\Portable\\PortableData\\Roaming"
                                                                             : userWin + "Roaming";
     status += "Path: " + folder + "\\Fusion360.exe\nVersion: \nAdd-In path: " + profile +
