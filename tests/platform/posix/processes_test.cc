@@ -14,36 +14,28 @@ namespace qv::platform {
 namespace {
 
 // The per-user folders when the profile list has no entry for the account:
-// those of the account that owns the shell (explorer.exe) of this session.
+// those of the account that owns the shell (explorer.exe) of this session,
+// else the own account's; the profile list's entry for the account (named by
+// the SID of user.reg) comes before any shell.
 TEST(ShellOwner, FoldersOfTheAccountThatOwnsTheShellOfThisSession) {
   const std::uint32_t own = static_cast<std::uint32_t>(::getuid());
   const passwd* account = ::getpwnam(own == 0 ? "nobody" : "root");  // another account, with a name
   ASSERT_NE(account, nullptr);
-  const std::uint32_t other = account->pw_uid;
   const std::string otherName = account->pw_name;
   std::uint32_t session = 0;
   ASSERT_TRUE(ProcessIdToSessionId(GetCurrentProcessId(), session));
-  // The shell process, and whose folders come back: the shell owner's, the
-  // own account's, or those of the profile list's entry for the account
-  // (named by the SID of user.reg), which comes before any shell.
-  enum Whose { kOwner, kOwn, kProfile };
-  struct Row {
-    const char* what;
-    const char* argv0;
-    std::uint32_t session;
-    bool ownerHasFolders;
-    bool profileList;
-    Whose whose;
+  const std::string owner = "C:\\users\\" + otherName + "\\AppData\\Roaming", profile = "C:\\Profiles\\me\\AppData\\Roaming";
+  // The shell process's path and session; whether its owner has folders and
+  // the account a profile list entry; whose folders come back ("" the own).
+  const struct { const char* argv0; std::uint32_t session; bool ownerHasFolders, profileList; std::string whose; } rows[] = {
+      {"C:\\windows\\explorer.exe", session, true, false, owner},
+      {"C:\\WINDOWS\\EXPLORER.EXE", session, true, false, owner},
+      {"C:\\windows\\explorer.exe", session ^ 1u, true, false, ""},
+      {"C:\\windows\\notepad.exe", session, true, false, ""},
+      {"C:\\windows\\explorer.exe", session, false, false, ""},
+      {"C:\\windows\\explorer.exe", session, true, true, profile},
   };
-  const Row rows[] = {
-      {"shell of this session", "C:\\windows\\explorer.exe", session, true, false, kOwner},
-      {"name in another case", "C:\\WINDOWS\\EXPLORER.EXE", session, true, false, kOwner},
-      {"shell of another session", "C:\\windows\\explorer.exe", session ^ 1u, true, false, kOwn},
-      {"no shell", "C:\\windows\\notepad.exe", session, true, false, kOwn},
-      {"owner without folders", "C:\\windows\\explorer.exe", session, false, false, kOwn},
-      {"profile list entry", "C:\\windows\\explorer.exe", session, true, true, kProfile},
-  };
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     test::TempDir temp;
     const test::FixturePrefix prefix = test::MakeFixturePrefix(temp.path(), false);
     if (row.profileList) {
@@ -53,14 +45,13 @@ TEST(ShellOwner, FoldersOfTheAccountThatOwnsTheShellOfThisSession) {
     }
     test::ScopedEnv winePrefix("WINEPREFIX", prefix.root);
     test::ScopedEnv procRoot("QUORVANE_PROC_ROOT", prefix.procRoot);
-    prefix.AddProcess(500, row.argv0, "explorer.exe", other, row.session);
+    prefix.AddProcess(500, row.argv0, "explorer.exe", account->pw_uid, row.session);
     // Owned by its real uid, whatever the effective one.
-    const std::string ids = std::to_string(other) + "\t" + std::to_string(own) + "\t0\t0";
+    const std::string ids = std::to_string(account->pw_uid) + "\t" + std::to_string(own) + "\t0\t0";
     test::WriteFile(prefix.procRoot + "/500/status", "Name:\texplorer.exe\nUid:\t" + ids + "\n");
     if (row.ownerHasFolders) test::MakeDirs(prefix.C("users/" + otherName + "/AppData/Roaming"));
-    const std::string expected[] = {"C:\\users\\" + otherName + "\\AppData\\Roaming", prefix.RoamingWin(),
-                                    "C:\\Profiles\\me\\AppData\\Roaming"};
-    EXPECT_EQ(WideToUtf8(GetUserFolder(kCsidlAppData)), expected[row.whose]) << row.what;
+    EXPECT_EQ(WideToUtf8(GetUserFolder(kCsidlAppData)), row.whose.empty() ? prefix.RoamingWin() : row.whose)
+        << "row " << &row - rows;
   }
 }
 
