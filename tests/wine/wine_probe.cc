@@ -12,7 +12,8 @@
 //       asks GetPrivateProfileStringW each question of QUERIES (file, section,
 //       key, default, buffer size, tab-separated; \uXXXX for a code unit, \\ for
 //       a backslash; the file relative to DATA_DIR) and writes a line for each:
-//       the result, a tab, and the units placed in the buffer, four hex digits each
+//       file, section, key, default, size, result and the units placed in the
+//       buffer, tab-separated, text as its code units in four hex digits each
 #include <windows.h>
 
 #include <cstdio>
@@ -66,6 +67,16 @@ std::wstring Unescape(const std::wstring& field) {
   return out;
 }
 
+std::string Hex(const wchar_t* units, std::size_t count) {
+  std::string out;
+  char unit[8];
+  for (std::size_t i = 0; i < count; ++i) {
+    std::snprintf(unit, sizeof unit, "%04X", unsigned(units[i]));
+    out += unit;
+  }
+  return out;
+}
+
 int Profile(const std::wstring& data, const std::wstring& queries, const std::wstring& output) {
   std::ifstream in(Utf8(queries), std::ios::binary);
   std::ofstream out(Utf8(output), std::ios::binary);
@@ -73,20 +84,17 @@ int Profile(const std::wstring& data, const std::wstring& queries, const std::ws
     if (line.empty()) continue;
     std::wstring wide;
     for (unsigned char c : line) wide += wchar_t(c);
-    const std::vector<std::wstring> f = Split(wide, L'\t');
+    std::vector<std::wstring> f = Split(wide, L'\t');
     if (f.size() != 5) return 2;
+    for (std::size_t i = 0; i < 4; ++i) {
+      f[i] = Unescape(f[i]);
+      out << Hex(f[i].data(), f[i].size()) << '\t';
+    }
     const DWORD size = std::stoul(f[4]);
     std::vector<wchar_t> buffer(size + 1);
-    const DWORD result = GetPrivateProfileStringW(Unescape(f[1]).c_str(), Unescape(f[2]).c_str(),
-                                                  Unescape(f[3]).c_str(), buffer.data(), size,
-                                                  (data + L"\\" + Unescape(f[0])).c_str());
-    out << result << '\t';
-    char unit[8];
-    for (DWORD i = 0; i < result && i < size; ++i) {
-      std::snprintf(unit, sizeof unit, "%04X", unsigned(buffer[i]));
-      out << unit;
-    }
-    out << '\n';
+    const DWORD result = GetPrivateProfileStringW(f[1].c_str(), f[2].c_str(), f[3].c_str(), buffer.data(), size,
+                                                  (data + L"\\" + f[0]).c_str());
+    out << size << '\t' << result << '\t' << Hex(buffer.data(), result < size ? result : size) << '\n';
   }
   return 0;
 }
