@@ -139,7 +139,9 @@ TEST_F(WinePrefix, LiveDiscoveryGivesTheSameLinesInBothBuilds) {
            "C:\\QvLive\\Half\\Fusion", own + "linked", own + "X10", own + "x9", "C:\\QvLive\\Portable\\bin"}) {
     const std::string profile = folder.starts_with("C:\\QvLive\\Portable") ? "C:\\QvLive\\Portable\\PortableData\\Roaming"
                                                                             : userWin + "Roaming";
-    status += "Path: " + folder + "\\Fusion360.exe\nVersion: \nAdd-In path: " + profile +
+    // The portable Fusion360.exe is the probe, whose file version is 1.2.3.4.
+    const std::string version = profile.starts_with("C:\\QvLive") ? "1.2.3.4" : "";
+    status += "Path: " + folder + "\\Fusion360.exe\nVersion: " + version + "\nAdd-In path: " + profile +
               "\\Autodesk\\Autodesk Fusion 360\\API\\AddIns\\KELDARO_Quorvane\nAdd-In: Not installed or incomplete\n";
   }
   const Outcome& native = outcomes["native"];

@@ -16,15 +16,15 @@ namespace {
 namespace fs = std::filesystem;
 
 TEST_F(WinePrefix, PlantedVersionDllIsNotLoaded) {
-  const std::string versioned = std::string(QUORVANE_TEST_PE_DIR) + "/program_1_2_3_4.exe";
   QV_SKIP_UNLESS(wine.missing.empty(), wine.missing);
-  QV_SKIP_UNLESS(Exists(versioned) && Exists(QUORVANE_STAND_IN_VERSION_DLL), "MinGW-w64 is not installed");
+  QV_SKIP_UNLESS(Exists(QUORVANE_STAND_IN_VERSION_DLL), "MinGW-w64 is not installed");
   // A Downloads folder on C: (Wine marks the root of Z: as a reparse point).
   const TempDir downloads(prefix + "/drive_c");
   const std::string windows = "C:\\" + fs::path(downloads.path()).filename().string();
   const std::string build = downloads / "local/Autodesk/webdeploy/production/b1";
   MakeFusionInstallation(build);
-  fs::copy_file(versioned, build + "/Fusion360.exe", fs::copy_options::overwrite_existing);
+  // The probe carries file version 1.2.3.4.
+  fs::copy_file(QUORVANE_WINE_PROBE, build + "/Fusion360.exe", fs::copy_options::overwrite_existing);
   fs::copy_file(wine.binary, downloads / "Quorvane_Setup.exe");
   fs::copy_file(QUORVANE_STAND_IN_VERSION_DLL, downloads / "version.dll");
   const RunResult r = RunUnderWine(prefix,
