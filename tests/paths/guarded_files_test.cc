@@ -29,7 +29,7 @@ std::vector<std::string> WalkAll(const WString& root, std::uint32_t& error) {
   return seen;
 }
 
-TEST_F(GuardedFilesTest, TheWalkAndTheReparseTestsStayOutOfLinks) {
+TEST_F(GuardedFilesTest, TheWalkAndTheReparseTestsStayOutOfLinksAndFoldersAreMadeOnce) {
   WriteFile(Host("tree/a.txt"), "a");
   WriteFile(Host("tree/sub/deeper/c.txt"), "c");
   WriteFile(Host("elsewhere/hidden.txt"), "x");
@@ -57,11 +57,10 @@ TEST_F(GuardedFilesTest, TheWalkAndTheReparseTestsStayOutOfLinks) {
     EXPECT_EQ(IsSafeDirectoryTree(Win(row.path)), row.safeTree) << row.path;
   }
   EXPECT_TRUE(HasNoReparsePoint(u"") && HasNoReparsePoint(u"Q:\\unmapped\\drive"));
-}
 
-TEST_F(GuardedFilesTest, CreateDirectoriesSaysWhetherItMadeTheLastElementAndNamesTheRightCode) {
+  // CreateDirectories, in order: whether the call made the last element, and
+  // its code.
   WriteFile(Host("file.txt"), "x");
-  // In order: whether the call made the last element, and its code.
   const struct { WString path; bool made; std::uint32_t error; } createRows[] = {
       {Win("a/b/c"), true, 0}, {Win("a/b/c"), false, 0}, {Win("A/B/new/"), true, 0},
       {u"C:/a//slashes/", true, 0}, {u"C:\\", false, 0}, {u"", false, platform::kErrorPathNotFound},
