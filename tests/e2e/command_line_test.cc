@@ -21,9 +21,7 @@ void ExpectRows(const Machine& machine, const std::vector<Row>& rows) {
   for (const Row& row : rows) {
     const RunResult r = machine.Run(row.args, row.env);
     SCOPED_TRACE(::testing::PrintToString(row.args));
-    EXPECT_EQ(r.exitCode, row.code) << r.err;
-    EXPECT_EQ(r.out, row.out);
-    EXPECT_EQ(r.err, row.err);
+    EXPECT_EQ(Ended(r), std::tie(row.code, row.out, row.err));
   }
 }
 

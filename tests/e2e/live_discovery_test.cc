@@ -87,10 +87,7 @@ TEST_P(LiveDiscovery, ProcessFailuresStopDiscoveryInTheirOrder) {
       WriteFile(m.prefix.LocalHost() + "/Quorvane/Installation.ini", InventoryText({"[Fusion]", "Count=x"}));
     // Before any change: an uninstall stops where a report does.
     for (const std::string action : {"/status", "/uninstall"}) {
-      const RunResult r = m.Run({action});
-      EXPECT_EQ(r.exitCode, 5) << action << ": " << row.message;
-      EXPECT_EQ(r.out, "");
-      EXPECT_EQ(r.err, row.message + "\n");
+      EXPECT_EQ(Ended(m.Run({action})), std::make_tuple(5, "", row.message + "\n")) << action;
     }
   }
 }

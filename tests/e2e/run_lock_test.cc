@@ -53,10 +53,7 @@ TEST_P(RunLock, ASecondRunWaitsThenGoesOn) {
     EXPECT_EQ(other.Run({"/status"}).exitCode, 1);
   }
   std::filesystem::remove(m.C("gate"));
-  const RunResult r = waiting.get();
-  EXPECT_EQ(r.exitCode, 1) << r.err;
-  EXPECT_EQ(r.out, kEmptyReport);
-  EXPECT_EQ(r.err, "");
+  EXPECT_EQ(Ended(waiting.get()), std::make_tuple(1, kEmptyReport, ""));
   EXPECT_EQ(holder.Finish().exitCode, 0);
 }
 
@@ -65,17 +62,13 @@ TEST_P(RunLock, AHolderKilledWhileARunWaitsLeavesItAbandoned) {
   Background holder = Hold(m, m.C("gate"));
   std::future<RunResult> waiting = Waiting(m);
   holder.Finish(SIGKILL);
-  const RunResult r = waiting.get();
-  EXPECT_EQ(r.exitCode, 7);
-  EXPECT_EQ(r.err, "Another Quorvane Setup is active or was interrupted. Check its result and retry.\n");
-  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(Ended(waiting.get()),
+            std::make_tuple(7, "", "Another Quorvane Setup is active or was interrupted. Check its result and retry.\n"));
   // With no holder left, a run started afterwards finds the lock fresh; so
   // it does after a holder that died alone.
   EXPECT_EQ(m.Run({"/status"}).exitCode, 1);
   Hold(m, m.C("gate")).Finish(SIGKILL);
-  const RunResult after = m.Run({"/status"});
-  EXPECT_EQ(after.exitCode, 1) << after.err;
-  EXPECT_EQ(after.out, kEmptyReport);
+  EXPECT_EQ(Ended(m.Run({"/status"})), std::make_tuple(1, kEmptyReport, ""));
 }
 
 QV_E2E_SUITE(RunLock);

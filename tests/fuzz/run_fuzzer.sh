@@ -3,13 +3,8 @@
 # from its seed corpus; new inputs go to a temporary folder, never into the
 # repository. Exit 77 (skipped) when the fuzz build has not been made.
 set -u
-fuzzer="$1"
-seeds="$2"
-seconds="${3:-20}"
-if [ ! -x "$fuzzer" ]; then
-  echo "no fuzz build at $fuzzer (cmake --preset fuzz && cmake --build --preset fuzz)"
-  exit 77
-fi
+fuzzer=$1 seeds=$2 seconds=${3:-20}
+[ -x "$fuzzer" ] || { echo "no fuzz build at $fuzzer (cmake --preset fuzz && cmake --build --preset fuzz)"; exit 77; }
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 "$fuzzer" -max_total_time="$seconds" -error_exitcode=1 -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \

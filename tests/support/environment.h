@@ -10,6 +10,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace qv::test {
@@ -61,6 +62,10 @@ struct RunResult {
   std::string out;
   std::string err;
 };
+
+// A run's end as one value, for one expectation: exit code, standard
+// output, standard error.
+inline std::tuple<int, std::string, std::string> Ended(const RunResult& r) { return {r.exitCode, r.out, r.err}; }
 
 // Environment changes for a child: entries replace or add variables of the
 // current environment; an entry with an empty value removes the variable.

@@ -80,7 +80,6 @@ void FixturePrefix::AddProcess(int pid, const std::string& argv0, const std::str
                                unsigned long session, const std::string& exeLink) const {
   const std::string dir = procRoot + "/" + std::to_string(pid);
   const std::string id = std::to_string(uid);
-  MakeDirs(dir);
   WriteFile(dir + "/cmdline", argv0.empty() ? std::string() : argv0 + std::string(1, '\0'));
   WriteFile(dir + "/comm", comm + "\n");
   WriteFile(dir + "/status", "Name:\t" + comm + "\nUid:\t" + id + "\t" + id + "\t" + id + "\t" + id + "\n");

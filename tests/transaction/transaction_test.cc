@@ -41,13 +41,11 @@ TEST_F(TransactionTest, ATransactionDirectoryLeftByARunOfTheSameIdIsRefused) {
                                   {{u"C:\\F1\\Fusion360.exe", u"C:\\A"}, {u"C:\\F2\\Fusion360.exe", u"C:\\B"}},
                                   uninstall, u"77-5");
     });
-    EXPECT_EQ(r.exitCode, 6);
-    EXPECT_EQ(r.out, "");
     // The first profile passed: its line names a directory never made.
-    EXPECT_EQ(r.err,
-              "Unsafe profile path or backup already exists.\n"
-              "Recovery directory: C:\\A\\KELDARO\\Quorvane\\InstallBackups\\77-5\n"
-              "Installed profiles restored.\n");
+    EXPECT_EQ(Ended(r), std::make_tuple(6, "",
+                                        "Unsafe profile path or backup already exists.\n"
+                                        "Recovery directory: C:\\A\\KELDARO\\Quorvane\\InstallBackups\\77-5\n"
+                                        "Installed profiles restored.\n"));
     EXPECT_EQ(SnapshotTree(Host("")), drive);
   }
 }

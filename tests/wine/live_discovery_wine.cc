@@ -115,9 +115,7 @@ TEST_F(WinePrefix, LiveDiscoveryGivesTheSameLinesInBothBuilds) {
       // Transaction ids (tick and process id) differ from run to run.
       outcome.lines.push_back(std::to_string(r.exitCode) + "\n" +
                               std::regex_replace(r.out + r.err, std::regex("InstallBackups\\\\[0-9-]+"), "<id>"));
-      for (const std::string& addIn : addIns) {
-        if (installs) outcome.installed.push_back(SnapshotTree(addIn));
-      }
+      if (installs) outcome.installed = {SnapshotTree(addIns[0]), SnapshotTree(addIns[1])};
     }
     for (const LoggedCall& call : ReadCallLog(log)) {
       if (call.operation != "Process32NextW") outcome.operations.push_back(call.operation);
