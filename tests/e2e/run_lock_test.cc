@@ -62,8 +62,8 @@ TEST_P(RunLock, AHolderKilledWhileARunWaitsLeavesItAbandoned) {
   Background holder = Hold(m, m.C("gate"));
   std::future<RunResult> waiting = Waiting(m);
   holder.Finish(SIGKILL);
-  EXPECT_EQ(Ended(waiting.get()),
-            std::make_tuple(7, "", "Another Quorvane Setup is active or was interrupted. Check its result and retry.\n"));
+  const std::string active = "Another Quorvane Setup is active or was interrupted. Check its result and retry.\n";
+  EXPECT_EQ(Ended(waiting.get()), std::make_tuple(7, "", active));
   // With no holder left, a run started afterwards finds the lock fresh; so
   // it does after a holder that died alone.
   EXPECT_EQ(m.Run({"/status"}).exitCode, 1);

@@ -14,7 +14,8 @@ set -uo pipefail
 # The KnownDLLs of Windows 10 and 11 (Session Manager\KnownDLLs).
 known=" advapi32 clbcatq combase comdlg32 coml2 difxapi gdi32 gdiplus imagehlp imm32 kernel32 msctf msvcrt
   normaliz nsi ole32 oleaut32 psapi rpcrt4 sechost setupapi shcore shell32 shlwapi user32 wldap32 ws2_32 "
-objdump=x86_64-w64-mingw32-objdump objcopy=x86_64-w64-mingw32-objcopy checked=() failed=0
+objdump=x86_64-w64-mingw32-objdump objcopy=x86_64-w64-mingw32-objcopy windres=x86_64-w64-mingw32-windres
+checked=() failed=0
 fail() { echo "FAIL $exe: $*"; failed=1; }
 
 for build in "$@"; do
@@ -43,7 +44,7 @@ for build in "$@"; do
   [[ $($objdump -h "$build/Quorvane_Setup.exe.debug") == *" .debug_info "* ]] || fail "has no debug information beside it"
   # The manifest, which windres gives back as rc strings split over lines,
   # quotes doubled: run as the invoker, long-path aware, made for Windows 10.
-  manifest=$(x86_64-w64-mingw32-windres -i "$exe" -O rc 2>/dev/null | sed -z 's/"[[:space:]]*\n[[:space:]]*"//g; s/""/"/g')
+  manifest=$($windres -i "$exe" -O rc 2>/dev/null | sed -z 's/"[[:space:]]*\n[[:space:]]*"//g; s/""/"/g')
   for declaration in '<requestedExecutionLevel level="asInvoker" uiAccess="false"/>' \
     '<longPathAware xmlns="http://schemas.microsoft.com/SMI/2016/WindowsSettings">true<' \
     '<supportedOS Id="{8e0f7a12-bfb3-4fe8-b9a5-48fd50a15a9a}"/>'; do

@@ -33,7 +33,9 @@ TEST_F(WinePrefix, LiveDiscoveryGivesTheSameLinesInBothBuilds) {
     MakeFusionInstallation(c + "QvLive/webdeploy/production/" + build);
   }
   MakeFusionInstallation(c + "QvLive/Machine/bin");
-  for (const char* folder : {"Quoted", "Bare", "Half", "Ignored"}) MakeFusionInstallation(c + "QvLive/" + folder + "/Fusion");
+  for (const char* folder : {"Quoted", "Bare", "Half", "Ignored"}) {
+    MakeFusionInstallation(c + "QvLive/" + folder + "/Fusion");
+  }
   // The account's webdeploy tree: builds, one behind a leading dot, a link
   // to a folder, which counts as one, and an installation in the scanned
   // folder itself, which does not.
@@ -91,8 +93,8 @@ TEST_F(WinePrefix, LiveDiscoveryGivesTheSameLinesInBothBuilds) {
   ASSERT_TRUE(fusion.WaitForOutput("up")) << "the portable Fusion did not come up";
   ASSERT_TRUE(launcher.WaitForOutput("up")) << "the launcher did not come up";
 
-  const std::string addIns[] = {c + user + "Roaming/Autodesk/Autodesk Fusion 360/API/AddIns/KELDARO_Quorvane",
-                                c + "QvLive/Portable/PortableData/Roaming/Autodesk/Autodesk Fusion 360/API/AddIns/KELDARO_Quorvane"};
+  const std::string addIn = "/Autodesk/Autodesk Fusion 360/API/AddIns/KELDARO_Quorvane";
+  const std::string addIns[] = {c + user + "Roaming" + addIn, c + "QvLive/Portable/PortableData/Roaming" + addIn};
   struct Outcome {
     std::vector<std::string> lines;  // exit code and output of each run
     std::vector<TreeSnapshot> installed;
@@ -111,7 +113,8 @@ TEST_F(WinePrefix, LiveDiscoveryGivesTheSameLinesInBothBuilds) {
     for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
              {"/status"}, {"/install", "/package", "C:\\QvLive\\package"}, {"/uninstall"}}) {
       const bool installs = args[0] == "/install";
-      const RunResult r = Machine(tool, prefix).Run(args, installs ? EnvChanges{{"QUORVANE_FAULTS_LOG", log}} : EnvChanges{});
+      const RunResult r =
+          Machine(tool, prefix).Run(args, installs ? EnvChanges{{"QUORVANE_FAULTS_LOG", log}} : EnvChanges{});
       // Transaction ids (tick and process id) differ from run to run.
       outcome.lines.push_back(std::to_string(r.exitCode) + "\n" +
                               std::regex_replace(r.out + r.err, std::regex("InstallBackups\\\\[0-9-]+"), "<id>"));

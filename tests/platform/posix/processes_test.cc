@@ -24,10 +24,16 @@ TEST(ShellOwner, FoldersOfTheAccountThatOwnsTheShellOfThisSession) {
   const std::string otherName = account->pw_name;
   std::uint32_t session = 0;
   ASSERT_TRUE(ProcessIdToSessionId(GetCurrentProcessId(), session));
-  const std::string owner = "C:\\users\\" + otherName + "\\AppData\\Roaming", profile = "C:\\Profiles\\me\\AppData\\Roaming";
+  const std::string owner = "C:\\users\\" + otherName + "\\AppData\\Roaming";
+  const std::string profile = "C:\\Profiles\\me\\AppData\\Roaming";
   // The shell process's path and session; whether its owner has folders and
   // the account a profile list entry; whose folders come back ("" the own).
-  const struct { const char* argv0; std::uint32_t session; bool ownerHasFolders, profileList; std::string whose; } rows[] = {
+  const struct {
+    const char* argv0;
+    std::uint32_t session;
+    bool ownerHasFolders, profileList;
+    std::string whose;
+  } rows[] = {
       {"C:\\windows\\explorer.exe", session, true, false, owner},
       {"C:\\WINDOWS\\EXPLORER.EXE", session, true, false, owner},
       {"C:\\windows\\explorer.exe", session ^ 1u, true, false, ""},

@@ -18,10 +18,10 @@ using Bytes = std::vector<std::uint8_t>;
 
 // The lines Wine writes are read in the registry calls below (and from a
 // prefix Wine made, in tests/wine); here what a hand-edited file may hold:
-// keys in any order, which are listed in Wine's; names and
-// strings with escapes; a key given twice; headers and lines Wine refuses,
-// which are skipped (the good value before them stays; hex data does not run
-// on into the next header).
+// keys in any order, which are listed in Wine's order; names and strings with
+// escapes; a key given twice; headers and lines Wine refuses, which are
+// skipped (the good value before them stays; hex data does not run on into
+// the next header).
 TEST(WineRegistryReader, KeysAndValuesAsWineReadsThem) {
   const std::string text =
       "WINE REGISTRY Version 2\n\"Orphan\"=\"before any key\"\n"
