@@ -5,7 +5,6 @@
 namespace qv::test {
 namespace {
 
-constexpr char kEmptyReport[] = "Quorvane v0.1.8\nAutodesk Fusion installations: 0\nFusion running: No\n";
 constexpr char kNotDetected[] = "Autodesk Fusion was not detected. Start Fusion once, then retry.\n";
 constexpr char kUninstalled[] = "Quorvane uninstalled. Settings and ODB++ outputs preserved.\n";
 constexpr char kNoFolders[] = "Required per-user Windows folders are unavailable.\n";

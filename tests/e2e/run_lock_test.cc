@@ -13,7 +13,6 @@ namespace qv::test {
 namespace {
 
 using namespace std::chrono_literals;
-constexpr char kEmptyReport[] = "Quorvane v0.1.8\nAutodesk Fusion installations: 0\nFusion running: No\n";
 
 class RunLock : public EndToEnd {
  protected:

@@ -61,6 +61,9 @@ std::string FaultAt(const LoggedCall& call, const std::string& code);
 
 // --- The build under test and its machine ---------------------------------
 
+// What /status prints on a machine without Fusion.
+constexpr char kEmptyReport[] = "Quorvane v0.1.8\nAutodesk Fusion installations: 0\nFusion running: No\n";
+
 // A build that the end-to-end tests drive: the native binary, or the .exe
 // under wine64 in the Wine prefix of the test run.
 struct ToolUnderTest {

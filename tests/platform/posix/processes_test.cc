@@ -28,12 +28,7 @@ TEST(ShellOwner, FoldersOfTheAccountThatOwnsTheShellOfThisSession) {
   const std::string profile = "C:\\Profiles\\me\\AppData\\Roaming";
   // The shell process's path and session; whether its owner has folders and
   // the account a profile list entry; whose folders come back ("" the own).
-  const struct {
-    const char* argv0;
-    std::uint32_t session;
-    bool ownerHasFolders, profileList;
-    std::string whose;
-  } rows[] = {
+  const struct { const char* argv0; std::uint32_t session; bool folders, profileList; std::string whose; } rows[] = {
       {"C:\\windows\\explorer.exe", session, true, false, owner},
       {"C:\\WINDOWS\\EXPLORER.EXE", session, true, false, owner},
       {"C:\\windows\\explorer.exe", session ^ 1u, true, false, ""},
@@ -55,7 +50,7 @@ TEST(ShellOwner, FoldersOfTheAccountThatOwnsTheShellOfThisSession) {
     // Owned by its real uid, whatever the effective one.
     const std::string ids = std::to_string(account->pw_uid) + "\t" + std::to_string(own) + "\t0\t0";
     test::WriteFile(prefix.procRoot + "/500/status", "Name:\texplorer.exe\nUid:\t" + ids + "\n");
-    if (row.ownerHasFolders) test::MakeDirs(prefix.C("users/" + otherName + "/AppData/Roaming"));
+    if (row.folders) test::MakeDirs(prefix.C("users/" + otherName + "/AppData/Roaming"));
     EXPECT_EQ(WideToUtf8(GetUserFolder(kCsidlAppData)), row.whose.empty() ? prefix.RoamingWin() : row.whose)
         << "row " << &row - rows;
   }
