@@ -36,6 +36,7 @@ std::string WineRegText(const std::vector<RegFileKey>& keys, const std::u16strin
   std::string out = "WINE REGISTRY Version 2\n;; All keys relative to " + Escape(relativeTo) + "\n\n#arch=win64\n";
   for (const RegFileKey& key : keys) {
     out += "\n[" + Escape(key.path, "[]") + "] 1795423466\n#time=1dd7b26d8da7df8\n";
+    if (key.link) out += "#link\n";
     for (const RegFileValue& value : key.values) {
       out += (value.name.empty() ? "@=" : "\"" + Escape(value.name, "\"") + "\"=") + value.data + "\n";
     }
@@ -60,6 +61,10 @@ RegFileValue TypedValue(const std::u16string& name, std::uint32_t type, const st
     column += 3;
   }
   return {name, line};
+}
+
+RegFileKey LinkKey(const std::u16string& path, const std::u16string& target) {
+  return {path, {TypedValue(u"SymbolicLinkValue", 6, Utf16LeBytes(target, false))}, true};
 }
 
 void FixturePrefix::WriteRegistry(const std::vector<RegFileKey>& machineKeys, const std::vector<RegFileKey>& userKeys,

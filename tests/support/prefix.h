@@ -30,12 +30,16 @@ struct RegFileValue {
 struct RegFileKey {
   std::u16string path;  // relative to the file's root, single backslashes
   std::vector<RegFileValue> values;
+  bool link = false;  // "#link": the key is a link to its "SymbolicLinkValue"
 };
 
 RegFileValue SzValue(const std::u16string& name, const std::u16string& text);
 RegFileValue DwordValue(const std::u16string& name, std::uint32_t value);
 // Any bytes as hex(N):, as Wine saves what is no whole string.
 RegFileValue TypedValue(const std::u16string& name, std::uint32_t type, const std::vector<std::uint8_t>& bytes);
+// A link key to `target` ("\Registry\Machine\..." or "\Registry\User\<SID>\..."), as
+// Wine saves its own links: "#link" and the target as REG_LINK without a NUL.
+RegFileKey LinkKey(const std::u16string& path, const std::u16string& target);
 
 // --- The prefix ------------------------------------------------------------
 

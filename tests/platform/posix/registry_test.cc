@@ -16,6 +16,8 @@ using test::Utf16LeBytes;
 using Names = std::vector<std::u16string>;
 using Bytes = std::vector<std::uint8_t>;
 
+std::u16string ErrorText(std::int32_t status) { return u"(error " + Utf8ToWide(std::to_string(status)) + u")"; }
+
 // The lines Wine writes are read in the registry calls below (and from a
 // prefix Wine made, in tests/wine); here what a hand-edited file may hold:
 // keys in any order, which are listed in Wine's order; names and strings with
@@ -106,6 +108,159 @@ TEST_F(PosixRegistry, ValuesComeWithTheSizesWindowsReports) {
     EXPECT_EQ(ReadRegistryPathValue(key, row.name), row.pathValue) << WideToUtf8(row.name);
   }
   EXPECT_EQ(RegCloseKey(key), 0);
+}
+
+
+// Links, the 32-bit view and enumeration over one prefix: Wine's own kinds
+// of link (a key on the way, a chain, into the other file, the 32-bit view's
+// link back to the shared key) and the ones that must not open.
+class PosixRegistryKeys : public test::PrefixCase {
+ protected:
+  static constexpr char16_t kUninstall[] = u"Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall";
+
+  PosixRegistryKeys() { WriteKeys({u"alpha", u"Beta", u"Gamma"}); }
+
+  // The machine's and the account's keys, with these Uninstall entries.
+  void WriteKeys(const Names& uninstall, const std::u16string& betaName = u"beta") const {
+    const std::u16string sid = Utf8ToWide(prefix_.sid);
+    std::vector<test::RegFileKey> machine{
+        {u"Software\\Target", {SzValue(u"V", u"target")}},
+        {u"Software\\Target\\Sub", {SzValue(u"V", u"target sub")}},
+        test::LinkKey(u"Software\\Link", u"\\Registry\\Machine\\Software\\Target"),
+        test::LinkKey(u"Software\\Chain", u"\\REGISTRY\\machine\\Software\\Link"),
+        test::LinkKey(u"Software\\LoopA", u"\\Registry\\Machine\\Software\\LoopB"),
+        test::LinkKey(u"Software\\LoopB", u"\\Registry\\Machine\\Software\\LoopA"),
+        test::LinkKey(u"Software\\Growing", u"\\Registry\\Machine\\Software\\Growing\\Deeper"),
+        test::LinkKey(u"Software\\ToUser", u"\\Registry\\User\\" + sid + u"\\Software\\Mine"),
+        test::LinkKey(u"Software\\ToStranger", u"\\Registry\\User\\S-1-5-21-9-9-9-9\\Software\\Mine"),
+        test::LinkKey(u"Software\\Dangling", u"\\Registry\\Machine\\Software\\Nowhere"),
+        {u"Software\\NoTarget", {}, true},
+        {u"Software\\Only64", {SzValue(u"V", u"64")}},
+        {u"Software\\Both", {SzValue(u"V", u"64")}},
+        {u"Software\\Wow6432Node\\Only32", {SzValue(u"V", u"32")}},
+        {u"Software\\Wow6432Node\\Both", {SzValue(u"V", u"32")}},
+        {u"Software\\Shared", {SzValue(u"V", u"shared")}},
+        test::LinkKey(u"Software\\Wow6432Node\\Shared", u"\\Registry\\Machine\\Software\\Shared"),
+        {std::u16string(kUninstall) + u"\\Beta\\Inner", {}},
+        {u"Software\\Wow6432Node\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\Only32App", {}}};
+    for (const std::u16string& name : uninstall) {
+      machine.push_back({std::u16string(kUninstall) + u"\\" + name, {SzValue(u"V", name == u"Beta" ? betaName : name)}});
+    }
+    prefix_.WriteRegistry(machine, {{u"Software\\Mine", {SzValue(u"V", u"user")}},
+                                    {u"Software\\Both", {SzValue(u"V", u"user")}},
+                                    test::LinkKey(u"Software\\ToMachine", u"\\Registry\\Machine\\Software\\Target")});
+  }
+
+  // Every name RegEnumKeyExW gives, by index from 0, each asked first with
+  // one character too few; "(error N)" for an answer other than 0, 234, 259.
+  static Names Enumerate(RegKey key) {
+    Names names;
+    for (std::uint32_t index = 0; index < 64; ++index) {
+      WString name;
+      const std::int32_t status = RegEnumKeyExW(key, index, name, 512);
+      if (status == static_cast<std::int32_t>(kErrorNoMoreItems)) return names;
+      names.push_back(status == 0 ? name : ErrorText(status));
+      WString shortName;
+      EXPECT_EQ(RegEnumKeyExW(key, index, shortName, static_cast<std::uint32_t>(name.size())),
+                static_cast<std::int32_t>(kErrorMoreData))
+          << WideToUtf8(name);
+    }
+    return names;
+  }
+};
+
+TEST_F(PosixRegistryKeys, LinksAndViewsOpenAsWinesServerOpensThem) {
+  struct Row {
+    RegKey root;
+    const char16_t* parent;  // opened first, with the same view; null: open from the root
+    const char16_t* path;
+    std::uint32_t view;
+    std::u16string value;  // its "V", or "(error N)" when the open fails
+  };
+  constexpr std::uint32_t k32 = kKeyWow64_32Key, k64 = kKeyWow64_64Key;
+  const Row rows[] = {
+      {kHkeyLocalMachine, nullptr, u"Software\\Link", k64, u"target"},
+      {kHkeyLocalMachine, nullptr, u"software\\LINK\\sub", k64, u"target sub"},
+      {kHkeyLocalMachine, nullptr, u"Software\\Chain\\Sub", k64, u"target sub"},
+      {kHkeyLocalMachine, u"Software\\Link", u"Sub", k64, u"target sub"},
+      {kHkeyLocalMachine, nullptr, u"Software\\Link\\Missing", k64, u"(error 2)"},
+      // Loops end in "not found" after a bounded number of links.
+      {kHkeyLocalMachine, nullptr, u"Software\\LoopA", k64, u"(error 2)"},
+      {kHkeyLocalMachine, nullptr, u"Software\\LoopB\\Sub", k64, u"(error 2)"},
+      {kHkeyLocalMachine, nullptr, u"Software\\Growing", k64, u"(error 2)"},
+      {kHkeyLocalMachine, nullptr, u"Software\\Dangling", k64, u"(error 2)"},
+      {kHkeyLocalMachine, nullptr, u"Software\\NoTarget", k64, u"(error 2)"},
+      // Across the files, but only into this account's keys.
+      {kHkeyLocalMachine, nullptr, u"Software\\ToUser", k64, u"user"},
+      {kHkeyLocalMachine, nullptr, u"Software\\ToStranger", k64, u"(error 2)"},
+      {kHkeyCurrentUser, nullptr, u"Software\\ToMachine\\Sub", k64, u"target sub"},
+      // The machine's 32-bit view is Software\Wow6432Node; the account has one
+      // key for both views.
+      {kHkeyLocalMachine, nullptr, u"Software\\Only32", k32, u"32"},
+      {kHkeyLocalMachine, nullptr, u"Software\\Only32", k64, u"(error 2)"},
+      {kHkeyLocalMachine, nullptr, u"Software\\Only64", k32, u"(error 2)"},
+      {kHkeyLocalMachine, nullptr, u"Software\\Both", k32, u"32"},
+      {kHkeyLocalMachine, nullptr, u"Software\\Both", k64, u"64"},
+      {kHkeyLocalMachine, nullptr, u"Software\\Wow6432Node\\Both", k32, u"32"},
+      {kHkeyLocalMachine, u"Software", u"Both", k32, u"32"},
+      {kHkeyLocalMachine, nullptr, u"Software\\Shared", k32, u"shared"},
+      {kHkeyCurrentUser, nullptr, u"Software\\Both", k32, u"user"},
+  };
+  for (const Row& row : rows) {
+    const std::string where = WideToUtf8(row.path) + (row.view == k32 ? " (32)" : "");
+    RegKey parent = row.root, key = 0;
+    if (row.parent != nullptr) {
+      ASSERT_EQ(RegOpenKeyExW(row.root, row.parent, 0, kKeyRead | row.view, parent), 0) << where;
+    }
+    const std::int32_t status = RegOpenKeyExW(parent, row.path, 0, kKeyRead | row.view, key);
+    EXPECT_EQ(status == 0 ? ReadRegistryPathValue(key, u"V") : ErrorText(status), row.value) << where;
+    if (status == 0) {
+      EXPECT_EQ(RegCloseKey(key), 0) << where;
+    }
+    EXPECT_EQ(RegCloseKey(parent), 0) << where;
+  }
+}
+
+TEST_F(PosixRegistryKeys, EnumerationByIndexGivesEachKeyOnce) {
+  struct Row {
+    RegKey root;
+    std::u16string path;
+    std::uint32_t view;
+    Names subkeys;
+  };
+  const Row rows[] = {
+      {kHkeyLocalMachine, kUninstall, kKeyWow64_64Key, {u"alpha", u"Beta", u"Gamma"}},
+      {kHkeyLocalMachine, kUninstall, kKeyWow64_32Key, {u"Only32App"}},
+      {kHkeyLocalMachine, u"Software\\Chain", kKeyWow64_64Key, {u"Sub"}},
+      {kHkeyLocalMachine, std::u16string(kUninstall) + u"\\alpha", kKeyWow64_64Key, {}},
+      {kHkeyCurrentUser, u"Software", kKeyWow64_32Key, {u"Both", u"Mine", u"ToMachine", u"Wine"}},
+  };
+  for (const Row& row : rows) {
+    platform::ScopedRegKey key;
+    ASSERT_EQ(RegOpenKeyExW(row.root, row.path, 0, kKeyRead | row.view, *key.out()), 0) << WideToUtf8(row.path);
+    EXPECT_EQ(Enumerate(key.get()), row.subkeys) << WideToUtf8(row.path);
+  }
+
+  // Wine saves the file anew in the middle of an enumeration, with a key
+  // that comes first and another name for Beta: the open key goes on with
+  // the picture it was opened on, and so do the keys opened below it; a new
+  // open sees the new file.
+  platform::ScopedRegKey uninstall;
+  ASSERT_EQ(RegOpenKeyExW(kHkeyLocalMachine, kUninstall, 0, kKeyRead, *uninstall.out()), 0);
+  Names seen;
+  WString name;
+  ASSERT_EQ(RegEnumKeyExW(uninstall.get(), 0, name, 512), 0);
+  seen.push_back(name);
+  WriteKeys({u"Aardvark", u"alpha", u"Beta", u"Gamma"}, u"beta renamed");
+  for (std::uint32_t index = 1; RegEnumKeyExW(uninstall.get(), index, name, 512) == 0; ++index) seen.push_back(name);
+  EXPECT_EQ(seen, (Names{u"alpha", u"Beta", u"Gamma"}));
+  platform::ScopedRegKey beta;
+  ASSERT_EQ(RegOpenKeyExW(uninstall.get(), u"Beta", 0, kKeyRead, *beta.out()), 0);
+  EXPECT_EQ(ReadRegistryPathValue(beta.get(), u"V"), u"beta");
+  EXPECT_EQ(Enumerate(beta.get()), Names{u"Inner"});
+  platform::ScopedRegKey fresh;
+  ASSERT_EQ(RegOpenKeyExW(kHkeyLocalMachine, kUninstall, 0, kKeyRead, *fresh.out()), 0);
+  EXPECT_EQ(Enumerate(fresh.get()), (Names{u"Aardvark", u"alpha", u"Beta", u"Gamma"}));
 }
 
 }  // namespace
