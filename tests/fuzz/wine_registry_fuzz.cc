@@ -1,6 +1,6 @@
 // Fuzzes the reader of Wine's registry files: any bytes must be readable as
-// a file, the root's subkeys and the keys on the way to each of them with
-// their values and links, with no crash, no undefined behaviour and no hang.
+// a file, its keys found again by their names, with no crash, no undefined
+// behaviour and no hang.
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -16,15 +16,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::string text(reinterpret_cast<const char*>(data), size);
   if (!text.starts_with(kSignature)) text.insert(0, kSignature);
 
-  qv::WString sid;
-  UserRegSid(text, sid);
-  // Down the first subkey of each key, as far as the keys go (bounded work
-  // per input).
-  qv::WString path;
-  for (int depth = 0; depth < 16; ++depth) {
-    const WineRegistryKey key = ReadWineRegistryKey(text, path);
-    if (!key.exists || key.subkeys.empty()) break;
-    path += (path.empty() ? u"" : u"\\") + key.subkeys.front();
+  // Down the first subkey of each key, as far as the keys go, looking each
+  // one up again by its name and reading its values by theirs.
+  const WineRegistry file = ParseWineRegistry(text);
+  for (std::size_t key = 0; !file.keys[key].subkeys.empty();) {
+    const std::size_t first = file.keys[key].subkeys.front();
+    if (FindWineRegistrySubkey(file, key, file.keys[first].name) != first) __builtin_trap();
+    for (const WineRegistryValue& value : file.keys[first].values) {
+      if (FindWineRegistryValue(file.keys[first], value.name) != &value) __builtin_trap();
+    }
+    key = first;
   }
   return 0;
 }

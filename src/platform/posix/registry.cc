@@ -1,15 +1,15 @@
 // The registry of the Linux host: HKEY_LOCAL_MACHINE is the prefix's
-// system.reg and HKEY_CURRENT_USER its user.reg, both read only.
+// system.reg and HKEY_CURRENT_USER its user.reg, both read only. A missing or
+// unreadable file is an empty registry: every key below the root is absent.
 //
-// Every call reads the file afresh: Wine's server rewrites it whole (a new
-// file renamed over the old one) while programs run, so a call sees the
-// registry as the server last saved it. A missing or unreadable file is an
-// empty registry: every key below the root is absent.
-//
-// An open key is an entry of the backend's handle table holding the hive and
-// the key's path after links and the 32-bit view were applied; each call on
-// it looks the path up again in the file as it is then.
+// An open from a root reads and parses the file as Wine's server last saved
+// it (the server writes a new file and renames it over the old one). The key
+// it gives holds that parse, and every call on the key and every key opened
+// below it answers from it: an enumeration by index sees one picture of the
+// file, however often the server saves it meanwhile. A call on a root itself
+// reads the file afresh.
 #include <algorithm>
+#include <array>
 #include <memory>
 #include <string>
 #include <vector>
@@ -28,21 +28,33 @@ namespace {
 
 enum class Hive { Machine, User };
 
+using File = std::shared_ptr<const posix::WineRegistry>;
+
 struct OpenKey {
+  // The files as this key's open read them, by Hive; a file not needed yet
+  // is null, and read when first needed.
+  std::array<File, 2> files;
   Hive hive = Hive::Machine;
-  std::vector<WString> path;
+  std::vector<WString> path;  // after links and the 32-bit view, for the opens below it
+  std::size_t key = 0;        // its place in files[hive]
 };
 
 // Links followed in one open before it gives up (a loop of links).
 constexpr int kMaxLinks = 16;
 constexpr std::uint32_t kRegLink = 6;
-constexpr std::uint32_t kOpenLink = 0x8;  // REG_OPTION_OPEN_LINK
 
-std::string ReadHive(Hive hive) {
+File ReadHive(Hive hive) {
   const std::string path = posix::PrefixDirectory() + (hive == Hive::Machine ? "/system.reg" : "/user.reg");
   std::string text;
   std::uint32_t error = 0;
-  return posix::ReadFileBytes(path, text, error) ? text : std::string();
+  if (!posix::ReadFileBytes(path, text, error)) text.clear();
+  return std::make_shared<const posix::WineRegistry>(posix::ParseWineRegistry(text));
+}
+
+const posix::WineRegistry& FileOf(OpenKey& key, Hive hive) {
+  File& file = key.files[static_cast<std::size_t>(hive)];
+  if (!file) file = ReadHive(hive);
+  return *file;
 }
 
 std::int32_t Fail(std::uint32_t error) {
@@ -71,57 +83,51 @@ bool AppendComponents(WStringView path, std::vector<WString>& parts, bool skipEm
   }
 }
 
-// Where a key handle points; false for a handle that is not an open key.
-bool KeyOf(RegKey handle, OpenKey& key) {
+// The open key a handle names, or for a root a key in `root` that has read
+// nothing yet; null for a handle that is no key.
+OpenKey* KeyOf(RegKey handle, OpenKey& root) {
   if (handle == kHkeyLocalMachine || handle == kHkeyCurrentUser) {
-    key = {handle == kHkeyLocalMachine ? Hive::Machine : Hive::User, {}};
-    return true;
+    root.hive = handle == kHkeyLocalMachine ? Hive::Machine : Hive::User;
+    return &root;
   }
-  const auto* open = posix::LookUpHandle<OpenKey>(handle, posix::HandleKind::RegistryKey);
-  if (open != nullptr) key = *open;
-  return open != nullptr;
+  return posix::LookUpHandle<OpenKey>(handle, posix::HandleKind::RegistryKey);
 }
 
-posix::WineRegistryKey ReadKey(const OpenKey& key) {
-  WString path;
-  for (const WString& part : key.path) path += (path.empty() ? u"" : u"\\") + part;
-  return posix::ReadWineRegistryKey(ReadHive(key.hive), path);
-}
-
-// The key a link points to: "\Registry\Machine\..." or
-// "\Registry\User\<SID>\..." of this account.
-bool LinkTarget(const std::vector<WString>& link, OpenKey& key) {
+// Points `key` at the target of a link ("\Registry\Machine\..." or
+// "\Registry\User\<SID>\..." of this account), followed by `rest`.
+bool FollowLink(const posix::WineRegistryKey& link, std::vector<WString> rest, OpenKey& key) {
+  const posix::WineRegistryValue* value = posix::FindWineRegistryValue(link, u"SymbolicLinkValue");
+  if (value == nullptr || value->type != kRegLink) return false;
   WString target;
-  for (const posix::WineRegistryValue& value : ReadKey(OpenKey{key.hive, link}).values) {
-    if (!SameName(value.name, u"SymbolicLinkValue") || value.type != kRegLink) continue;
-    for (std::size_t i = 0; i + 1 < value.data.size(); i += 2) {
-      target.push_back(static_cast<char16_t>(value.data[i] | (value.data[i + 1] << 8)));
-    }
+  for (std::size_t i = 0; i + 1 < value->data.size(); i += 2) {
+    target.push_back(static_cast<char16_t>(value->data[i] | (value->data[i + 1] << 8)));
   }
   std::vector<WString> parts;
   AppendComponents(target.substr(0, target.find(u'\0')), parts, true);
-  WString sid;
-  std::size_t rest = 3;
+  std::size_t skip = 3;
   if (parts.size() >= 2 && SameName(parts[0], u"Registry") && SameName(parts[1], u"Machine")) {
     key.hive = Hive::Machine;
-    rest = 2;
+    skip = 2;
   } else if (parts.size() >= 3 && SameName(parts[0], u"Registry") && SameName(parts[1], u"User") &&
-             posix::UserRegSid(ReadHive(Hive::User), sid) && SameName(sid, parts[2])) {
+             SameName(FileOf(key, Hive::User).userSid, parts[2])) {
     key.hive = Hive::User;
   } else {
     return false;
   }
-  key.path.assign(parts.begin() + static_cast<std::ptrdiff_t>(rest), parts.end());
+  key.path.assign(parts.begin() + static_cast<std::ptrdiff_t>(skip), parts.end());
+  key.path.insert(key.path.end(), std::make_move_iterator(rest.begin()), std::make_move_iterator(rest.end()));
   return true;
 }
 
 }  // namespace
 
-std::int32_t RegOpenKeyExW(RegKey root, const WString& subKey, std::uint32_t options, std::uint32_t samDesired,
+std::int32_t RegOpenKeyExW(RegKey root, const WString& subKey, std::uint32_t /*options*/, std::uint32_t samDesired,
                            RegKey& result) {
   QV_FAULT_POINT_CODE("RegOpenKeyExW", subKey);
-  OpenKey key;
-  if (!KeyOf(root, key)) return Fail(kErrorInvalidHandle);
+  OpenKey rootKey;
+  const OpenKey* parent = KeyOf(root, rootKey);
+  if (parent == nullptr) return Fail(kErrorInvalidHandle);
+  OpenKey key = *parent;
   if (!AppendComponents(subKey, key.path, false)) return Fail(kErrorFileNotFound);
   // The 32-bit view of the machine's Software lies in Software\Wow6432Node.
   std::vector<WString>& parts = key.path;
@@ -129,22 +135,21 @@ std::int32_t RegOpenKeyExW(RegKey root, const WString& subKey, std::uint32_t opt
       SameName(parts[0], u"Software") && !SameName(parts[1], u"Wow6432Node")) {
     parts.insert(parts.begin() + 1, u"Wow6432Node");
   }
-  // Links on the way are followed as Wine's server follows them, and the
-  // key's own link too unless REG_OPTION_OPEN_LINK asks for the link itself.
+  // Down the path from the file's root; a link on the way, the key itself
+  // included, starts the walk again at its target, as Wine's server does.
   for (int links = 0;; ++links) {
-    const posix::WineRegistryKey found = ReadKey(key);
-    const std::size_t depth = found.linkDepth;
-    if (depth == 0 || (depth == parts.size() && (options & kOpenLink) != 0)) {
-      if (!found.exists) return Fail(kErrorFileNotFound);
+    const posix::WineRegistry& file = FileOf(key, key.hive);
+    std::size_t place = 0, depth = 0;
+    while (depth < parts.size() && !file.keys[place].link) {
+      place = posix::FindWineRegistrySubkey(file, place, parts[depth++]);
+      if (place == posix::kNoWineRegistryKey) return Fail(kErrorFileNotFound);
+    }
+    if (!file.keys[place].link) {
+      key.key = place;
       break;
     }
-    OpenKey target{key.hive, {}};
-    const auto linkEnd = parts.begin() + static_cast<std::ptrdiff_t>(depth);
-    if (links == kMaxLinks || !LinkTarget(std::vector<WString>(parts.begin(), linkEnd), target)) {
-      return Fail(kErrorFileNotFound);
-    }
-    target.path.insert(target.path.end(), linkEnd, parts.end());
-    key = std::move(target);
+    std::vector<WString> rest(parts.begin() + static_cast<std::ptrdiff_t>(depth), parts.end());
+    if (links == kMaxLinks || !FollowLink(file.keys[place], std::move(rest), key)) return Fail(kErrorFileNotFound);
   }
   result = posix::RegisterHandle(posix::HandleKind::RegistryKey, std::make_shared<OpenKey>(std::move(key)));
   return 0;
@@ -152,30 +157,33 @@ std::int32_t RegOpenKeyExW(RegKey root, const WString& subKey, std::uint32_t opt
 
 std::int32_t RegEnumKeyExW(RegKey key, std::uint32_t index, WString& name, std::uint32_t nameCapacity) {
   QV_FAULT_POINT_CODE("RegEnumKeyExW", DecimalText(index));
-  OpenKey open;
-  if (!KeyOf(key, open)) return Fail(kErrorInvalidHandle);
-  const std::vector<WString> subkeys = ReadKey(open).subkeys;
+  OpenKey rootKey;
+  OpenKey* open = KeyOf(key, rootKey);
+  if (open == nullptr) return Fail(kErrorInvalidHandle);
+  const posix::WineRegistry& file = FileOf(*open, open->hive);
+  const std::vector<std::size_t>& subkeys = file.keys[open->key].subkeys;
   if (index >= subkeys.size()) return Fail(kErrorNoMoreItems);
-  if (subkeys[index].size() + 1 > nameCapacity) return Fail(kErrorMoreData);
-  name = subkeys[index];
+  const WString& subkey = file.keys[subkeys[index]].name;
+  if (subkey.size() + 1 > nameCapacity) return Fail(kErrorMoreData);
+  name = subkey;
   return 0;
 }
 
 std::int32_t RegQueryValueExW(RegKey key, const WString& valueName, std::uint32_t& type, std::uint8_t* data,
                               std::uint32_t& size) {
   QV_FAULT_POINT_CODE("RegQueryValueExW", valueName);
-  OpenKey open;
-  if (!KeyOf(key, open)) return Fail(kErrorInvalidHandle);
-  for (const posix::WineRegistryValue& value : ReadKey(open).values) {
-    if (!SameName(value.name, valueName)) continue;
-    type = value.type;
-    const auto needed = static_cast<std::uint32_t>(value.data.size());
-    const bool fits = data == nullptr || size >= needed;
-    if (data != nullptr && fits) std::copy(value.data.begin(), value.data.end(), data);
-    size = needed;
-    return fits ? 0 : Fail(kErrorMoreData);
-  }
-  return Fail(kErrorFileNotFound);
+  OpenKey rootKey;
+  OpenKey* open = KeyOf(key, rootKey);
+  if (open == nullptr) return Fail(kErrorInvalidHandle);
+  const posix::WineRegistryValue* value =
+      posix::FindWineRegistryValue(FileOf(*open, open->hive).keys[open->key], valueName);
+  if (value == nullptr) return Fail(kErrorFileNotFound);
+  type = value->type;
+  const auto needed = static_cast<std::uint32_t>(value->data.size());
+  const bool fits = data == nullptr || size >= needed;
+  if (data != nullptr && fits) std::copy(value->data.begin(), value->data.end(), data);
+  size = needed;
+  return fits ? 0 : Fail(kErrorMoreData);
 }
 
 std::int32_t RegCloseKey(RegKey key) {
@@ -186,7 +194,11 @@ std::int32_t RegCloseKey(RegKey key) {
 
 namespace posix {
 
-bool AccountSidFromUserReg(WString& sidText) { return UserRegSid(ReadHive(Hive::User), sidText); }
+bool AccountSidFromUserReg(WString& sidText) {
+  const WString sid = ReadHive(Hive::User)->userSid;
+  if (!sid.empty()) sidText = sid;
+  return !sid.empty();
+}
 
 }  // namespace posix
 }  // namespace qv::platform

@@ -1,5 +1,5 @@
-// Reader of Wine's registry files: one pass over the lines of the file for
-// each question, decoding every header and the values of the key asked for.
+// Reader of Wine's registry files: one pass over the lines of the file,
+// decoding every header and value into a tree of keys.
 #include "platform/posix/wine_registry.h"
 
 #include <algorithm>
@@ -34,12 +34,6 @@ std::size_t SkipSpaces(std::string_view text, std::size_t pos) {
 int HexDigit(char c) {
   const std::size_t digit = std::string_view("0123456789abcdef0123456789ABCDEF").find(c);
   return digit == std::string_view::npos ? -1 : static_cast<int>(digit % 16);
-}
-
-WString Fold(WStringView name) {
-  WString folded(name);
-  std::transform(folded.begin(), folded.end(), folded.begin(), UpcaseCodeUnit);
-  return folded;
 }
 
 // Decodes an escaped string from `pos` up to the unescaped `terminator`,
@@ -205,76 +199,89 @@ void ForEachLine(std::string_view rest, Visit visit) {
   }
 }
 
-}  // namespace
-
-WineRegistryKey ReadWineRegistryKey(std::string_view text, WStringView path) {
-  WineRegistryKey key;
-  key.exists = path.empty();  // the root, even of an empty file
-  const WString wanted = Fold(path);
-  const WString prefix = wanted.empty() ? WString() : wanted + u'\\';  // of every key below it
-  // Subkeys in order, each as its first header writes it.
-  std::map<WString, WString> subkeys;
-  WString section;       // the folded name of the header above, if it was read
-  bool inSection = false;
-  WString name;
-  ForEachLine(text, [&](std::string_view line, std::string_view& rest) {
-    if (line.front() == '[') {
-      inSection = ReadHeader(line, name);
-      if (!inSection) return;
-      section = Fold(name);
-      const bool below = section.size() > prefix.size() && section.starts_with(prefix);
-      if (below) {
-        const std::size_t start = prefix.size();
-        const std::size_t length = section.find(u'\\', start) - start;
-        // Wine's server orders subkeys by their names in small letters: so
-        // the folded name's A-Z go back to a-z, after "_" and the like.
-        WString order = section.substr(start, length);
-        for (char16_t& c : order) c = c >= u'A' && c <= u'Z' ? static_cast<char16_t>(c + 32) : c;
-        subkeys.emplace(std::move(order), name.substr(start, length));
-      }
-      key.exists = key.exists || below || section == wanted;
-      return;
-    }
-    if (!inSection) return;
-    // A link on the way: a key whose path begins the one asked for.
-    if (line.starts_with("#link") && !section.empty() && prefix.starts_with(section + u'\\')) {
-      const auto depth = static_cast<std::size_t>(std::count(section.begin(), section.end(), u'\\')) + 1;
-      if (key.linkDepth == 0 || depth < key.linkDepth) key.linkDepth = depth;
-    }
-    if (section != wanted || (line.front() != '"' && line.front() != '@')) return;
-    WineRegistryValue value;
-    if (!ParseValue(line, rest, value)) return;
-    const WString folded = Fold(value.name);
-    const auto same = std::find_if(key.values.begin(), key.values.end(),
-                                   [&](const WineRegistryValue& v) { return Fold(v.name) == folded; });
-    if (same == key.values.end()) {
-      key.values.push_back(std::move(value));
-    } else {
-      same->type = value.type;
-      same->data = std::move(value.data);
-    }
-  });
-  for (auto& [folded, original] : subkeys) key.subkeys.push_back(std::move(original));
+// Wine's server orders subkeys by their names in small letters: so the
+// upper-cased name's A-Z go back to a-z, after "_" and the like. Names that
+// are the same to Windows have the same key.
+WString OrderKey(WStringView name) {
+  WString key = UpcaseName(WString(name));
+  for (char16_t& c : key) c = c >= u'A' && c <= u'Z' ? static_cast<char16_t>(c + 32) : c;
   return key;
 }
 
-bool UserRegSid(std::string_view text, WString& sid) {
-  WString relativeTo;
-  bool keys = false;  // a header came: the line stands only before the keys
-  ForEachLine(text, [&](std::string_view line, std::string_view&) {
-    keys = keys || line.front() == '[';
-    std::size_t pos = kRelativeTo.size();
-    if (!keys && relativeTo.empty() && line.starts_with(kRelativeTo)) DecodeString(line, pos, '\0', relativeTo);
-  });
-  const WString folded = Fold(relativeTo);
+// The key a header names, made with every key on the way that is not there
+// yet; `name` has no empty component.
+std::size_t AddKey(WineRegistry& registry, WStringView name) {
+  std::size_t key = 0;
+  for (std::size_t start = 0; start < name.size();) {
+    const std::size_t stop = std::min(name.find(u'\\', start), name.size());
+    const WStringView part = name.substr(start, stop - start);
+    const auto [place, added] = registry.keys[key].subkeyIndex.try_emplace(OrderKey(part), registry.keys.size());
+    key = place->second;
+    if (added) registry.keys.emplace_back().name = part;
+    start = stop + 1;
+  }
+  return key;
+}
+
+// The SID of a ";; All keys relative to REGISTRY\User\<SID>" line's text.
+WString UserSid(const WString& relativeTo) {
+  const WString folded = UpcaseName(relativeTo);
   const std::size_t user = folded.starts_with(u"REGISTRY\\USER\\") ? 14 : folded.starts_with(u"\\USER\\") ? 6 : 0;
-  if (user == 0) return false;
+  if (user == 0) return {};
   WStringView rest = WStringView(relativeTo).substr(user);
   rest = rest.substr(0, rest.find(u'\\'));
   while (!rest.empty() && (rest.back() == u' ' || rest.back() == u'\t')) rest.remove_suffix(1);
-  if (rest.empty()) return false;
-  sid.assign(rest);
-  return true;
+  return WString(rest);
+}
+
+}  // namespace
+
+WineRegistry ParseWineRegistry(std::string_view text) {
+  WineRegistry registry;
+  registry.keys.emplace_back();  // the root, even of an empty file
+  std::size_t current = kNoWineRegistryKey;  // the key of the header above, if it was read
+  bool headers = false;  // a header came: the SID's line stands only before the keys
+  WString name, relativeTo;
+  ForEachLine(text, [&](std::string_view line, std::string_view& rest) {
+    if (line.front() == '[') {
+      headers = true;
+      current = ReadHeader(line, name) ? AddKey(registry, name) : kNoWineRegistryKey;
+      return;
+    }
+    if (!headers && relativeTo.empty() && line.starts_with(kRelativeTo)) {
+      std::size_t pos = kRelativeTo.size();
+      DecodeString(line, pos, '\0', relativeTo);
+    }
+    if (current == kNoWineRegistryKey) return;
+    WineRegistryKey& key = registry.keys[current];
+    if (line.starts_with("#link")) key.link = current != 0;
+    if (line.front() != '"' && line.front() != '@') return;
+    WineRegistryValue value;
+    if (!ParseValue(line, rest, value)) return;
+    const auto [place, added] = key.valueIndex.try_emplace(UpcaseName(value.name), key.values.size());
+    if (added) {
+      key.values.push_back(std::move(value));
+    } else {
+      key.values[place->second].type = value.type;
+      key.values[place->second].data = std::move(value.data);
+    }
+  });
+  registry.userSid = UserSid(relativeTo);
+  for (WineRegistryKey& key : registry.keys) {
+    for (const auto& [order, subkey] : key.subkeyIndex) key.subkeys.push_back(subkey);
+  }
+  return registry;
+}
+
+std::size_t FindWineRegistrySubkey(const WineRegistry& registry, std::size_t parent, WStringView name) {
+  const auto& index = registry.keys[parent].subkeyIndex;
+  const auto found = index.find(OrderKey(name));
+  return found == index.end() ? kNoWineRegistryKey : found->second;
+}
+
+const WineRegistryValue* FindWineRegistryValue(const WineRegistryKey& key, WStringView name) {
+  const auto found = key.valueIndex.find(UpcaseName(WString(name)));
+  return found == key.valueIndex.end() ? nullptr : &key.values[found->second];
 }
 
 }  // namespace qv::platform::posix

@@ -8,6 +8,7 @@
 // - a key named by several headers is one key, its values merged, a later
 //   value of the same name replacing an earlier one;
 // - a key exists when it has a header or when any key below it has one;
+// - a "#link" line marks the key of its header as a link;
 // - key and value names compare without regard to case (each code unit
 //   upper-cased by the table that folder listings use).
 //
@@ -17,6 +18,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <string_view>
 #include <vector>
 
@@ -30,27 +32,42 @@ struct WineRegistryValue {
   std::vector<std::uint8_t> data;
 };
 
-// What a file says of one key.
+// One key of a file.
 struct WineRegistryKey {
-  bool exists = false;
-  // How many leading components of the path name the first key on the way
-  // whose header carries "#link" (its target is the value
-  // "SymbolicLinkValue"); 0 when none does. The root is never a link.
-  std::size_t linkDepth = 0;
-  // Names of the direct subkeys, each in the case of its first header, in
-  // Wine's order: by name in small letters, a name before any longer name it
-  // begins.
-  std::vector<WString> subkeys;
-  // The key's values, in order of first appearance, later data winning.
+  WString name;  // in the case of the first header that names it; "" for the root
+  // A header of the key carries "#link": the key stands for the one its
+  // value "SymbolicLinkValue" names. The root is never a link.
+  bool link = false;
+  // The key's values, in order of first appearance, later data winning,
+  // and their places by upper-cased name.
   std::vector<WineRegistryValue> values;
+  std::map<WString, std::size_t> valueIndex;
+  // The direct subkeys (places in WineRegistry::keys) in Wine's order: by
+  // name in small letters, a name before any longer name it begins; and
+  // the same by their names in that order's form (see FindWineRegistrySubkey).
+  std::vector<std::size_t> subkeys;
+  std::map<WString, std::size_t> subkeyIndex;
 };
 
-// The key at `path` (components joined by single backslashes, in any case;
-// the empty path is the root) in the file `text`.
-WineRegistryKey ReadWineRegistryKey(std::string_view text, WStringView path);
+// A whole file, read in one pass.
+struct WineRegistry {
+  // keys[0] is the root, there even in an empty file; every other key
+  // comes after its parent.
+  std::vector<WineRegistryKey> keys;
+  // The SID of a user.reg whose ";; All keys relative to" line names
+  // "REGISTRY\User\<SID>" (or "\User\<SID>"); empty when it names none.
+  WString userSid;
+};
 
-// The SID of a user.reg whose ";; All keys relative to" line names
-// "REGISTRY\User\<SID>" (or "\User\<SID>"); false when it names none.
-bool UserRegSid(std::string_view text, WString& sid);
+inline constexpr std::size_t kNoWineRegistryKey = static_cast<std::size_t>(-1);
+
+WineRegistry ParseWineRegistry(std::string_view text);
+
+// The place of the subkey `name` (in any case) of keys[parent], or
+// kNoWineRegistryKey.
+std::size_t FindWineRegistrySubkey(const WineRegistry& registry, std::size_t parent, WStringView name);
+
+// The value `name` (in any case) of a key, or null.
+const WineRegistryValue* FindWineRegistryValue(const WineRegistryKey& key, WStringView name);
 
 }  // namespace qv::platform::posix

@@ -2,6 +2,8 @@
 // the registry calls over fixture prefixes.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "discovery/discovery.h"
 #include "platform/platform.h"
 #include "platform/posix/wine_registry.h"
@@ -10,11 +12,31 @@
 namespace qv::platform {
 namespace {
 
-using posix::ReadWineRegistryKey;
 using test::SzValue;
 using test::Utf16LeBytes;
 using Names = std::vector<std::u16string>;
 using Bytes = std::vector<std::uint8_t>;
+
+// What a file says of the key at `path` (components joined by single
+// backslashes, in any case): the file parsed, then walked down by name.
+struct KeyRead {
+  bool exists = false;
+  Names subkeys;
+  std::vector<posix::WineRegistryValue> values;
+};
+KeyRead ReadWineRegistryKey(std::string_view text, std::u16string_view path) {
+  const posix::WineRegistry file = posix::ParseWineRegistry(text);
+  std::size_t key = 0;
+  for (std::size_t start = 0; start < path.size() && key != posix::kNoWineRegistryKey;) {
+    const std::size_t stop = std::min(path.find(u'\\', start), path.size());
+    key = posix::FindWineRegistrySubkey(file, key, path.substr(start, stop - start));
+    start = stop + 1;
+  }
+  if (key == posix::kNoWineRegistryKey) return {};
+  KeyRead read{true, {}, file.keys[key].values};
+  for (std::size_t subkey : file.keys[key].subkeys) read.subkeys.push_back(file.keys[subkey].name);
+  return read;
+}
 
 std::u16string ErrorText(std::int32_t status) { return u"(error " + Utf8ToWide(std::to_string(status)) + u")"; }
 
