@@ -151,7 +151,7 @@ __attribute__((no_stack_protector)) void SeedStackGuard() {
   // A zero low byte ends a string copy that runs into the guard before it
   // can read or write past it.
   seed &= ~std::uint64_t{0xFF};
-  if (seed == 0 || seed == kUnseededGuard) seed = kUnseededGuard ^ 0xFF00;
+  if (seed == 0) seed = kUnseededGuard & ~std::uint64_t{0xFF};
   __stack_chk_guard = seed;
 }
 
