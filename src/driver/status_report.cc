@@ -20,7 +20,7 @@ WString GetFileVersionText(const WString& path) {
 }
 
 int ReportStatus(const FusionInstallationList& installations, bool fusionActive) {
-  platform::WriteStdout(u"Quorvane v0.1.8\n");
+  platform::WriteStdout(u"Quorvane v" QUORVANE_VERSION "\n");
   platform::WriteStdout(u"Autodesk Fusion installations: " + DecimalText(installations.size()) + u"\n");
   bool allHealthy = !installations.empty();
   for (const FusionInstallation& installation : installations) {

@@ -12,7 +12,7 @@ namespace {
 
 // The state file of an installed add-in: written, never read back. One byte
 // per character, CR LF line ends, no byte order mark.
-constexpr std::string_view kInstallState = "[Installation]\r\nVersion=0.1.8\r\n";
+constexpr std::string_view kInstallState = "[Installation]\r\nVersion=" QUORVANE_VERSION "\r\n";
 
 // Others may read and write the file while it is open, as with an ordinary
 // file stream.

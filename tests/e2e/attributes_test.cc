@@ -42,7 +42,7 @@ TEST_P(ReadOnlyPackageFiles, InstallThenUpdateOverThem) {
       }
       ASSERT_EQ(s.Tool(action).exitCode, 0);
       const TreeSnapshot after = SnapshotTree(s.AddIn(0));
-      EXPECT_EQ(after.at(row.addInFile), row.staysReadOnly ? shipped : "[Installation]\r\nVersion=0.1.8\r\n");
+      EXPECT_EQ(after.at(row.addInFile), row.staysReadOnly ? shipped : kInstallState);
       struct stat info {};
       ::stat((s.AddIn(0) + "/" + row.addInFile).c_str(), &info);
       EXPECT_TRUE(action != "/install" || ((info.st_mode & 0222) == 0) == row.staysReadOnly);

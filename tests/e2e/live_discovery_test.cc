@@ -49,7 +49,7 @@ TEST_P(LiveDiscovery, RunningProcessesOfThisSessionAndAccount) {
   const RunResult r = m.Run({"/status"});
   EXPECT_EQ(r.err, "");
   EXPECT_EQ(r.out,
-            "Quorvane v0.1.8\nAutodesk Fusion installations: 1\nPath: C:\\Portable\\bin\\Fusion360.exe\n"
+            "Quorvane v" QUORVANE_VERSION "\nAutodesk Fusion installations: 1\nPath: C:\\Portable\\bin\\Fusion360.exe\n"
             "Version: \nAdd-In path: C:\\Portable\\PortableData\\Roaming\\Autodesk\\Autodesk Fusion 360\\API\\"
             "AddIns\\KELDARO_Quorvane\nAdd-In: Not installed or incomplete\nFusion running: Yes\n");
 }

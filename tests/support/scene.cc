@@ -79,7 +79,7 @@ TreeSnapshot UpdatedAddIn(const TreeSnapshot& old, const std::string& tag) {
   tree["."] = tree["Bin"] = "<dir>";
   for (const std::string& name : kAddInFiles) tree[name] = tag + ":" + name;
   tree["Bin/Quorvane_Helper.exe"] = tag + ":helper";
-  tree["install-state.ini"] = "[Installation]\r\nVersion=0.1.8\r\n";
+  tree["install-state.ini"] = kInstallState;
   return tree;
 }
 

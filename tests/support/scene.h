@@ -62,7 +62,10 @@ std::string FaultAt(const LoggedCall& call, const std::string& code);
 // --- The build under test and its machine ---------------------------------
 
 // What /status prints on a machine without Fusion.
-constexpr char kEmptyReport[] = "Quorvane v0.1.8\nAutodesk Fusion installations: 0\nFusion running: No\n";
+constexpr char kEmptyReport[] = "Quorvane v" QUORVANE_VERSION "\nAutodesk Fusion installations: 0\nFusion running: No\n";
+
+// The state file that an install writes into the add-in.
+constexpr char kInstallState[] = "[Installation]\r\nVersion=" QUORVANE_VERSION "\r\n";
 
 // A build that the end-to-end tests drive: the native binary, or the .exe
 // under wine64 in the Wine prefix of the test run.

@@ -133,7 +133,7 @@ TEST_F(WinePrefix, LiveDiscoveryGivesTheSameLinesInBothBuilds) {
   // portable Fusion with its own profile; webdeploy builds in Windows's order.
   const std::string tree = "C:\\QvLive\\webdeploy\\production\\";
   const std::string own = userWin + "Local\\Autodesk\\webdeploy\\production\\";
-  std::string status = "1\nQuorvane v0.1.8\nAutodesk Fusion installations: 14\n";
+  std::string status = "1\nQuorvane v" QUORVANE_VERSION "\nAutodesk Fusion installations: 14\n";
   for (const std::string& folder : std::vector<std::string>{
            "C:\\Program Files\\QvLive\\User", tree + "b7", tree + "10", tree + "9", tree + "Zulu", tree + "_under",
            "C:\\QvLive\\QUOTED\\Fusion", "C:\\QvLive\\Machine\\bin", "C:\\QvLive\\Bare\\Fusion",
