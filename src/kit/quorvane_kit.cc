@@ -183,18 +183,24 @@ std::vector<WIN32_FIND_DATAW> List(const WString& folder) {
   return entries;
 }
 
-// The files below `folder`, never through a link: a link or junction
-// anywhere in it is a failure. Sizes added to `bytes`.
+// The files and folders below `folder` (itself first), never through a
+// link: a link or junction anywhere in it is a failure. Sizes added to
+// `bytes`. A list of folders still to open rather than a recursion, so that
+// no depth of nesting exhausts the stack.
 void Collect(const WString& folder, std::vector<WString>& files, std::vector<WString>& folders, std::uint64_t& bytes) {
+  const std::size_t first = folders.size();
   folders.push_back(folder);
-  for (const WIN32_FIND_DATAW& entry : List(folder)) {
-    const WString path = folder + L"\\" + entry.cFileName;
-    if (entry.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) throw Failure{"A link or junction: " + Shown(path)};
-    if (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
-      Collect(path, files, folders, bytes);
-    } else {
-      files.push_back(path);
-      bytes += (std::uint64_t{entry.nFileSizeHigh} << 32) | entry.nFileSizeLow;
+  for (std::size_t next = first; next < folders.size(); ++next) {
+    const WString here = folders[next];
+    for (const WIN32_FIND_DATAW& entry : List(here)) {
+      const WString path = here + L"\\" + entry.cFileName;
+      if (entry.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) throw Failure{"A link or junction: " + Shown(path)};
+      if (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
+        folders.push_back(path);
+      } else {
+        files.push_back(path);
+        bytes += (std::uint64_t{entry.nFileSizeHigh} << 32) | entry.nFileSizeLow;
+      }
     }
   }
 }
@@ -209,6 +215,7 @@ std::uint64_t RemoveTree(const WString& folder) {
     SetFileAttributesW(file.c_str(), FILE_ATTRIBUTE_NORMAL);
     if (!DeleteFileW(file.c_str())) throw Failure{"Cannot remove " + Shown(file)};
   }
+  // Deeper folders come after the folders that hold them.
   for (auto it = folders.rbegin(); it != folders.rend(); ++it) {
     if (!RemoveDirectoryW(it->c_str())) throw Failure{"Cannot remove " + Shown(*it)};
   }
@@ -512,8 +519,18 @@ void Tell(const Run& run, const std::string& text) {
 }
 
 // A folder that this run has just made itself, below %LOCALAPPDATA%\Quorvane.
+// The run holds the account's lock, so any other folder there was left by a
+// run that was killed: it goes.
 WString MakeWorkFolder(const WString& quorvane) {
   MakeFolder(quorvane + L"\\Work");
+  for (const WIN32_FIND_DATAW& entry : List(quorvane + L"\\Work")) {
+    if (!(entry.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) && (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)) {
+      try {
+        RemoveTree(quorvane + L"\\Work\\" + entry.cFileName);
+      } catch (const Failure&) {
+      }
+    }
+  }
   const WString base = quorvane + L"\\Work\\" + std::to_wstring(GetCurrentProcessId()) + L"-" +
                        std::to_wstring(GetTickCount64());
   for (int attempt = 0; attempt < 100; ++attempt) {

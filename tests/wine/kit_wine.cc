@@ -175,6 +175,12 @@ TEST_F(WinePrefix, DeploymentKitInstallsDetectsUpdatesAndUninstalls) {
       {"/package names another stamped folder",
        [&] { EXPECT_NE(detect(older, "1.0", options).find("by the newer payload " + b), std::string::npos);
              MakePackage(newerPackage, "third");
+             // A payload holding a link is refused, not followed.
+             fs::create_directory_symlink(s.machine.C("E"), newerPackage + "/AddIn/linked");
+             const RunResult linked = RunUnderWine(prefix, {kit, "stamp", s.Win(newerPackage), "3.0"});
+             EXPECT_EQ(linked.exitCode, 8);
+             EXPECT_NE(linked.err.find("A link or junction: " + s.Win(newerPackage + "/AddIn/linked")), std::string::npos);
+             fs::remove(newerPackage + "/AddIn/linked");
              newer = stamp(newerPackage, "3.0"); },
        "Install", {"/package", s.Win(newerPackage)}, &options, {}, 0, "Recorded payload " + id + " version 3.0", 2},
       {"& % ! ^ in the package's and the profile's paths",
