@@ -75,7 +75,9 @@ WString Wide(const std::string& text, UINT codePage = CP_UTF8) {
 // failed transaction carries its paths in the ANSI code page.
 std::string AsUtf8(const std::string& line) { return IsUtf8(line) ? line : Utf8(Wide(line, CP_ACP)); }
 
-void Print(FILE* stream, const std::string& text) {
+// Text for a standard stream, which puts CR before every LF itself.
+void Print(FILE* stream, std::string text) {
+  std::erase(text, '\r');
   std::fwrite(text.data(), 1, text.size(), stream);
   std::fflush(stream);
 }
@@ -736,7 +738,12 @@ int Install(Run& run) {
   }
   if (tool.exit != 0) return RetryOrCode(run, tool);
   KeepAndRecord(run);
-  Prune(run, tool.output);
+  // The install stands whatever the pruning meets: it only logs.
+  try {
+    Prune(run, tool.output);
+  } catch (const Failure& failure) {
+    Log(run, "Backups not pruned: " + failure.text);
+  }
   return 0;
 }
 
