@@ -1,43 +1,230 @@
-// Quorvane_Kit.exe: the pieces of the deployment kit that a batch script
-// cannot do on its own.
+// Quorvane_Kit.exe: the deployment kit. The wrappers Quorvane_Install.cmd,
+// Quorvane_Uninstall.cmd, Quorvane_Logon.cmd and Quorvane_Deploy.cmd each
+// call it with their verb; it runs Quorvane_Setup.exe of its own folder for
+// the account that runs it, keeps a log, records the payload it installed,
+// and detects whether every Add-In profile of the account holds a payload.
 //
-//   Quorvane_Kit.exe stamp <package>    gives the package's payload its identity
-//   Quorvane_Kit.exe check <package>    prints that identity if the payload still has it
-//   Quorvane_Kit.exe stamped <identity> <report>
-//                                       whether every add-in of a /status report holds that stamp
-//   Quorvane_Kit.exe clock              prints the local time and a millisecond count
-//   Quorvane_Kit.exe elapsed <count> [<end count>]
-//                                       prints the seconds from the one count to the other (or now)
+//   Quorvane_Kit.exe install|uninstall|logon [options]
+//   Quorvane_Kit.exe detect <identity> [<version>] [options]
+//   Quorvane_Kit.exe stamp <package> [<version>]   gives the package's payload its identity
+//   Quorvane_Kit.exe check <package>               prints that identity if the payload still has it
 //
 // A payload's identity is the SHA-256 of its files: every file below
 // <package>\AddIn (but the stamp itself) and <package>\Bin\Quorvane_Helper.exe,
 // in the order of their names, each as its name, its size and its bytes. The
-// stamp is <package>\AddIn\Quorvane_Payload.id, so the tool copies it into
-// every profile with the add-in, where detection finds it again. Failures end
-// with exit code 8, as the kit's own failures do.
+// stamp is <package>\AddIn\Quorvane_Payload.id (the identity, then the
+// version if one was given), so the setup program copies it into every
+// profile with the add-in, where detection finds it again.
+//
+// Every path the kit opens is in the extended-length form, so that nothing
+// stops at MAX_PATH, and nothing it walks or removes is entered through a
+// link or junction.
+#include <windows.h>
+#include <sddl.h>
+#include <shlobj.h>
+#include <shellapi.h>
+
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cstdint>
 #include <cstdio>
-#include <ctime>
-#include <filesystem>
-#include <fstream>
-#include <iostream>
-#include <sstream>
 #include <string>
 #include <vector>
 
-#ifdef _WIN32
-#include <windows.h>
-#include <shellapi.h>
+#include "kit/kit_rules.h"
+
+#ifndef QUORVANE_VERSION
+#define QUORVANE_VERSION "0.0.0"
 #endif
 
 namespace {
 
-namespace fs = std::filesystem;
-constexpr int kKitFailure = 8;
-constexpr char kStampName[] = "Quorvane_Payload.id";
+using namespace qv::kit;
+using WString = std::wstring;
+
+constexpr wchar_t kStampName[] = L"Quorvane_Payload.id";
+constexpr wchar_t kRecordKey[] = L"Software\\KELDARO\\Quorvane";
+constexpr char kRecordName[] = "HKCU\\Software\\KELDARO\\Quorvane";
+constexpr DWORD kLockWaitMs = 60000;
+constexpr std::uint64_t kLogLimit = 1u << 20;
+
+struct Failure {
+  std::string text;
+  int code = kKitFailure;
+};
+
+// --- Text -------------------------------------------------------------------
+
+std::string Utf8(const WString& text, UINT codePage = CP_UTF8) {
+  if (text.empty()) return "";
+  std::string out(text.size() * 3, '\0');
+  out.resize(static_cast<std::size_t>(WideCharToMultiByte(codePage, 0, text.data(), static_cast<int>(text.size()),
+                                                          out.data(), static_cast<int>(out.size()), nullptr, nullptr)));
+  return out;
+}
+
+WString Wide(const std::string& text, UINT codePage = CP_UTF8) {
+  if (text.empty()) return L"";
+  WString out(text.size(), L'\0');
+  out.resize(static_cast<std::size_t>(MultiByteToWideChar(codePage, 0, text.data(), static_cast<int>(text.size()),
+                                                          out.data(), static_cast<int>(out.size()))));
+  return out;
+}
+
+// A line as UTF-8: the setup program writes UTF-8, but the first line of a
+// failed transaction carries its paths in the ANSI code page.
+std::string AsUtf8(const std::string& line) { return IsUtf8(line) ? line : Utf8(Wide(line, CP_ACP)); }
+
+// Text for a standard stream, which puts CR before every LF itself.
+void Print(FILE* stream, std::string text) {
+  std::erase(text, '\r');
+  std::fwrite(text.data(), 1, text.size(), stream);
+  std::fflush(stream);
+}
+
+// --- Paths and files --------------------------------------------------------
+
+// The full path of `path` in the extended-length form (\\?\C:\..., \\?\UNC\...).
+WString Long(const WString& path) {
+  if (path.rfind(L"\\\\?\\", 0) == 0) return path;
+  DWORD size = GetFullPathNameW(path.c_str(), 0, nullptr, nullptr);
+  if (size == 0) throw Failure{"Not a usable path: " + Utf8(path)};
+  WString full(size, L'\0');
+  full.resize(GetFullPathNameW(path.c_str(), size, full.data(), nullptr));
+  if (full.rfind(L"\\\\", 0) == 0) return L"\\\\?\\UNC\\" + full.substr(2);
+  return L"\\\\?\\" + full;
+}
+
+// The path as users read it: without the extended-length prefix.
+std::string Shown(const WString& path) {
+  if (path.rfind(L"\\\\?\\UNC\\", 0) == 0) return "\\\\" + Utf8(path.substr(8));
+  if (path.rfind(L"\\\\?\\", 0) == 0) return Utf8(path.substr(4));
+  return Utf8(path);
+}
+
+WString Parent(const WString& path) { return path.substr(0, path.find_last_of(L'\\')); }
+
+bool IsLink(DWORD attributes) {
+  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+}
+bool IsFolder(const WString& path) {
+  const DWORD attributes = GetFileAttributesW(path.c_str());
+  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) && !IsLink(attributes);
+}
+bool IsPlainFile(const WString& path) {
+  const DWORD attributes = GetFileAttributesW(path.c_str());
+  return attributes != INVALID_FILE_ATTRIBUTES && !(attributes & FILE_ATTRIBUTE_DIRECTORY) && !IsLink(attributes);
+}
+
+struct Handle {
+  HANDLE value = INVALID_HANDLE_VALUE;
+  explicit Handle(HANDLE h) : value(h) {}
+  Handle(const Handle&) = delete;
+  Handle& operator=(const Handle&) = delete;
+  ~Handle() {
+    if (value != INVALID_HANDLE_VALUE && value != nullptr) CloseHandle(value);
+  }
+  bool ok() const { return value != INVALID_HANDLE_VALUE && value != nullptr; }
+};
+
+// At most `limit` bytes of a file; false when it cannot be opened or read,
+// or is longer.
+bool ReadBounded(const WString& path, std::uint64_t limit, std::string& bytes) {
+  Handle file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                          nullptr, OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+  LARGE_INTEGER size{};
+  if (!file.ok() || !GetFileSizeEx(file.value, &size) || static_cast<std::uint64_t>(size.QuadPart) > limit) {
+    return false;
+  }
+  bytes.assign(static_cast<std::size_t>(size.QuadPart), '\0');
+  std::size_t done = 0;
+  while (done < bytes.size()) {
+    DWORD got = 0;
+    if (!ReadFile(file.value, bytes.data() + done, static_cast<DWORD>(bytes.size() - done), &got, nullptr)) {
+      return false;
+    }
+    if (got == 0) break;
+    done += got;
+  }
+  bytes.resize(done);
+  return true;
+}
+
+void WriteWhole(const WString& path, const std::string& bytes) {
+  SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
+  Handle file(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+  DWORD written = 0;
+  if (!file.ok() || !WriteFile(file.value, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr) ||
+      written != bytes.size()) {
+    throw Failure{"Cannot write " + Shown(path)};
+  }
+}
+
+// Makes `path` a folder unless it is one; a link there is refused.
+void MakeFolder(const WString& path) {
+  if (CreateDirectoryW(path.c_str(), nullptr) || IsFolder(path)) return;
+  throw Failure{"Cannot make the folder " + Shown(path) + " (or a link or file stands there)"};
+}
+
+// The entries of a folder but "." and "..".
+std::vector<WIN32_FIND_DATAW> List(const WString& folder) {
+  std::vector<WIN32_FIND_DATAW> entries;
+  WIN32_FIND_DATAW found;
+  HANDLE search = FindFirstFileW((folder + L"\\*").c_str(), &found);
+  if (search == INVALID_HANDLE_VALUE) {
+    if (GetLastError() == ERROR_FILE_NOT_FOUND || GetLastError() == ERROR_PATH_NOT_FOUND) return entries;
+    throw Failure{"Cannot list " + Shown(folder)};
+  }
+  do {
+    const WString name = found.cFileName;
+    if (name != L"." && name != L"..") entries.push_back(found);
+  } while (FindNextFileW(search, &found));
+  const DWORD error = GetLastError();
+  FindClose(search);
+  if (error != ERROR_NO_MORE_FILES) throw Failure{"Cannot list " + Shown(folder)};
+  return entries;
+}
+
+// The files and folders below `folder` (itself first), never through a
+// link: a link or junction anywhere in it is a failure. Sizes added to
+// `bytes`. A list of folders still to open rather than a recursion, so that
+// no depth of nesting exhausts the stack.
+void Collect(const WString& folder, std::vector<WString>& files, std::vector<WString>& folders, std::uint64_t& bytes) {
+  const std::size_t first = folders.size();
+  folders.push_back(folder);
+  for (std::size_t next = first; next < folders.size(); ++next) {
+    const WString here = folders[next];
+    for (const WIN32_FIND_DATAW& entry : List(here)) {
+      const WString path = here + L"\\" + entry.cFileName;
+      if (entry.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) throw Failure{"A link or junction: " + Shown(path)};
+      if (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
+        folders.push_back(path);
+      } else {
+        files.push_back(path);
+        bytes += (std::uint64_t{entry.nFileSizeHigh} << 32) | entry.nFileSizeLow;
+      }
+    }
+  }
+}
+
+// Removes `folder` and everything below it and gives the bytes freed; a
+// folder holding a link or junction is left whole.
+std::uint64_t RemoveTree(const WString& folder) {
+  std::vector<WString> files, folders;
+  std::uint64_t bytes = 0;
+  Collect(folder, files, folders, bytes);
+  for (const WString& file : files) {
+    SetFileAttributesW(file.c_str(), FILE_ATTRIBUTE_NORMAL);
+    if (!DeleteFileW(file.c_str())) throw Failure{"Cannot remove " + Shown(file)};
+  }
+  // Deeper folders come after the folders that hold them.
+  for (auto it = folders.rbegin(); it != folders.rend(); ++it) {
+    if (!RemoveDirectoryW(it->c_str())) throw Failure{"Cannot remove " + Shown(*it)};
+  }
+  return bytes;
+}
+
+// --- The payload's identity -------------------------------------------------
 
 class Sha256 {
  public:
@@ -113,178 +300,571 @@ class Sha256 {
   std::uint64_t length_ = 0;
 };
 
-struct Failure {
-  std::string text;
-};
-
-fs::path PathOf(const std::string& utf8) { return fs::path(std::u8string(utf8.begin(), utf8.end())); }
-
-std::string Utf8(const fs::path& path) {
-  const std::u8string text = path.u8string();
-  return std::string(text.begin(), text.end());
-}
-
-// The name of `file` below `package` as the identity counts it: UTF-8, with
-// backslashes.
-std::string PayloadName(const fs::path& package, const fs::path& file) {
-  std::string name = Utf8(file.lexically_relative(package));
-  std::replace(name.begin(), name.end(), '/', '\\');
-  return name;
-}
-
-std::string PayloadIdentity(const fs::path& package) {
-  const fs::path addIn = package / "AddIn", helper = package / "Bin" / "Quorvane_Helper.exe";
-  std::error_code error;
-  if (!fs::is_directory(addIn, error)) throw Failure{"The package has no AddIn folder: " + Utf8(addIn)};
-  if (!fs::is_regular_file(helper, error)) throw Failure{"The package has no helper: " + Utf8(helper)};
-  std::vector<std::pair<std::string, fs::path>> files{{PayloadName(package, helper), helper}};
-  for (fs::recursive_directory_iterator it(addIn, error), end; it != end; it.increment(error)) {
-    if (error) break;
-    if (it->is_regular_file(error) && it->path() != addIn / kStampName) {
-      files.emplace_back(PayloadName(package, it->path()), it->path());
-    }
-  }
-  if (error) throw Failure{"Cannot list the package's AddIn folder: " + error.message()};
-  std::sort(files.begin(), files.end());
-  Sha256 hash;
+// Hashes one file as its name, its size and its bytes.
+void HashFile(Sha256& hash, const std::string& name, const WString& path) {
+  Handle file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                          FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+  LARGE_INTEGER size{};
+  if (!file.ok() || !GetFileSizeEx(file.value, &size)) throw Failure{"Cannot read " + Shown(path)};
+  hash.Add(name.c_str(), name.size() + 1);
+  hash.Add(std::to_string(size.QuadPart) + '\0');
   std::vector<char> buffer(1 << 16);
-  for (const auto& [name, path] : files) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) throw Failure{"Cannot read " + Utf8(path)};
-    hash.Add(name.c_str(), name.size() + 1);
-    hash.Add(std::to_string(fs::file_size(path, error)) + '\0');
-    while (in.read(buffer.data(), static_cast<std::streamsize>(buffer.size())) || in.gcount() > 0) {
-      hash.Add(buffer.data(), static_cast<std::size_t>(in.gcount()));
+  std::uint64_t total = 0;
+  for (DWORD got = 1; got != 0; total += got) {
+    if (!ReadFile(file.value, buffer.data(), static_cast<DWORD>(buffer.size()), &got, nullptr)) {
+      throw Failure{"Cannot read " + Shown(path)};
     }
-    if (in.bad()) throw Failure{"Cannot read " + Utf8(path)};
+    hash.Add(buffer.data(), got);
   }
+  if (total != static_cast<std::uint64_t>(size.QuadPart)) throw Failure{"A file changed while read: " + Shown(path)};
+}
+
+std::string PayloadIdentity(const WString& package) {
+  const WString addIn = package + L"\\AddIn", helper = package + L"\\Bin\\Quorvane_Helper.exe";
+  for (const WString& folder : {package, addIn, package + L"\\Bin"}) {
+    if (!IsFolder(folder)) throw Failure{"The package has no such plain folder: " + Shown(folder)};
+  }
+  if (!IsPlainFile(helper)) throw Failure{"The package has no helper: " + Shown(helper)};
+  std::vector<WString> files, folders;
+  std::uint64_t bytes = 0;
+  try {
+    Collect(addIn, files, folders, bytes);
+  } catch (const Failure& failure) {
+    throw Failure{"The package's payload is refused: " + failure.text};
+  }
+  // Names as the identity counts them: below the package, UTF-8, backslashes.
+  std::vector<std::pair<std::string, WString>> named{{"Bin\\Quorvane_Helper.exe", helper}};
+  const WString stamp = addIn + L"\\" + kStampName;
+  for (const WString& file : files) {
+    if (file != stamp) named.emplace_back(Utf8(file.substr(package.size() + 1)), file);
+  }
+  std::sort(named.begin(), named.end());
+  Sha256 hash;
+  for (const auto& [name, path] : named) HashFile(hash, name, path);
   return hash.HexDigest();
 }
 
-void WriteText(const fs::path& file, const std::string& text) {
-  std::ofstream out(file, std::ios::binary | std::ios::trunc);
-  out << text;
-  out.close();
-  if (!out) throw Failure{"Cannot write " + Utf8(file)};
+Stamp ReadStamp(const WString& file) {
+  std::string text;
+  Stamp stamp;
+  if (!ReadBounded(file, 1024, text) || !ParseStamp(text, stamp)) return {};
+  return stamp;
 }
 
-// The detection script for Intune and Configuration Manager: it only calls the
-// kit's detection, kept by the install wrapper below the local AppData folder
+// The package's stamp, checked against its payload.
+Stamp CheckedStamp(const WString& package) {
+  const Stamp stamp = ReadStamp(package + L"\\AddIn\\" + kStampName);
+  if (stamp.identity.empty()) throw Failure{"The package is not stamped: run Quorvane_Kit.exe stamp on it."};
+  const std::string identity = PayloadIdentity(package);
+  if (stamp.identity != identity) {
+    throw Failure{"The payload changed after it was stamped (stamp " + stamp.identity + ", payload " + identity +
+                  "): stamp the package again and deploy its new detection script."};
+  }
+  return stamp;
+}
+
+// The detection script for Intune and Configuration Manager: it only calls
+// the kit's detection, kept by the install below the local AppData folder
 // (the package is gone when detection runs), and keeps its output only for
 // "installed".
-std::string DetectionScript(const std::string& identity) {
-  return "# Detection of the Quorvane payload " + identity +
+std::string DetectionScript(const Stamp& stamp) {
+  const std::string version = stamp.version.empty() ? "" : " '" + stamp.version + "'";
+  return "# Detection of the Quorvane payload " + stamp.identity + (stamp.version.empty() ? "" : " " + stamp.version) +
          " (written by Quorvane_Kit.exe stamp).\r\n"
          "# Installed: exit 0 with output. Not installed: exit 0 without output. Otherwise: not determined.\r\n"
-         "$deploy = Join-Path $env:LOCALAPPDATA 'Quorvane\\Kit\\Quorvane_Deploy.cmd'\r\n"
-         "if (-not (Test-Path -LiteralPath $deploy)) { exit 0 }\r\n"
-         "$out = & $deploy detect '" + identity + "'\r\n"
+         "$kit = Join-Path $env:LOCALAPPDATA 'Quorvane\\Kit\\Quorvane_Kit.exe'\r\n"
+         "if (-not (Test-Path -LiteralPath $kit)) { exit 0 }\r\n"
+         "$out = & $kit detect '" + stamp.identity + "'" + version + "\r\n"
          "$code = $LASTEXITCODE\r\n"
          "if ($code -eq 0 -and \"$out\" -match ' is installed') { $out }\r\n"
          "exit $code\r\n";
 }
 
-// The first line of `file`, without its line end; empty when there is none.
-std::string FirstLine(const fs::path& file) {
-  std::ifstream in(file);
-  std::string line;
-  std::getline(in, line);
-  if (!line.empty() && line.back() == '\r') line.pop_back();
-  return line;
+// --- The account ------------------------------------------------------------
+
+std::string AccountSid() {
+  HANDLE token = nullptr;
+  if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token)) throw Failure{"Cannot read the account's token."};
+  Handle owned(token);
+  std::vector<unsigned char> buffer(512);
+  DWORD size = 0;
+  if (!GetTokenInformation(token, TokenUser, buffer.data(), static_cast<DWORD>(buffer.size()), &size)) {
+    throw Failure{"Cannot read the account's SID."};
+  }
+  wchar_t* text = nullptr;
+  if (!ConvertSidToStringSidW(reinterpret_cast<TOKEN_USER*>(buffer.data())->User.Sid, &text)) {
+    throw Failure{"Cannot read the account's SID."};
+  }
+  const std::string sid = Utf8(text);
+  LocalFree(text);
+  return sid;
 }
 
-std::int64_t NowMilliseconds() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch())
-      .count();
+std::string Variable(const wchar_t* name) {
+  wchar_t value[256];
+  const DWORD length = GetEnvironmentVariableW(name, value, 256);
+  return length > 0 && length < 256 ? Utf8(value) : "";
 }
 
-int Run(const std::vector<std::string>& args) {
-  const std::string command = args.empty() ? "" : args[0];
-  if (command == "clock" && args.size() == 1) {
-    const std::int64_t now = NowMilliseconds();
-    const std::time_t seconds = static_cast<std::time_t>(now / 1000);
-    std::tm local{};
-#ifdef _WIN32
-    localtime_s(&local, &seconds);
-#else
-    localtime_r(&seconds, &local);
-#endif
-    char text[32];
-    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
-    std::printf("%s.%03d %lld\n", text, static_cast<int>(now % 1000), static_cast<long long>(now));
-    return 0;
+WString LocalAppData() {
+  wchar_t path[MAX_PATH];
+  if (FAILED(SHGetFolderPathW(nullptr, CSIDL_LOCAL_APPDATA, nullptr, 0, path))) {
+    throw Failure{"The account has no local AppData folder."};
   }
-  if (command == "elapsed" && (args.size() == 2 || args.size() == 3)) {
-    const std::int64_t until = args.size() == 3 ? std::stoll(args[2]) : NowMilliseconds();
-    const std::int64_t span = until - std::stoll(args[1]);
-    std::printf("%lld.%03d s\n", static_cast<long long>(span / 1000), static_cast<int>(span % 1000));
-    return 0;
-  }
-  if (command == "stamped" && args.size() == 3) {
-    // The report as the tool writes it to a file: UTF-8, so every character
-    // of a path survives, which cmd's reading of it would not promise.
-    std::ifstream report(PathOf(args[2]));
-    if (!report) throw Failure{"Cannot read " + args[2]};
-    const std::string label = "Add-In path: ";
-    int holding = 0;
-    for (std::string line; std::getline(report, line);) {
-      if (!line.empty() && line.back() == '\r') line.pop_back();
-      if (line.rfind(label, 0) != 0) continue;
-      const std::string addIn = line.substr(label.size());
-      if (FirstLine(PathOf(addIn) / kStampName) != args[1]) {
-        std::printf("%s\n", addIn.c_str());
-        return 1;
-      }
-      ++holding;
+  return Long(path);
+}
+
+WString OwnProgram() {
+  std::vector<wchar_t> path(32768);
+  const DWORD length = GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
+  if (length == 0 || length >= path.size()) throw Failure{"Cannot find the kit's own folder."};
+  return Long(WString(path.data(), length));
+}
+
+// The record of the installed payload: HKCU\Software\KELDARO\Quorvane,
+// PayloadId and PayloadVersion. Anything but a valid stamp reads as none.
+Stamp ReadRecord() {
+  HKEY key = nullptr;
+  if (RegOpenKeyExW(HKEY_CURRENT_USER, kRecordKey, 0, KEY_QUERY_VALUE, &key) != ERROR_SUCCESS) return {};
+  const auto read = [&](const wchar_t* name) {
+    wchar_t value[128] = {};
+    DWORD type = 0, size = sizeof value - sizeof(wchar_t);
+    if (RegQueryValueExW(key, name, nullptr, &type, reinterpret_cast<BYTE*>(value), &size) != ERROR_SUCCESS ||
+        type != REG_SZ) {
+      return std::string();
     }
-    std::printf("%d\n", holding);
-    return holding > 0 ? 0 : 1;
+    return Utf8(WString(value, wcsnlen(value, size / sizeof(wchar_t))));
+  };
+  const std::string id = read(L"PayloadId"), version = read(L"PayloadVersion");
+  RegCloseKey(key);
+  Stamp stamp;
+  if (!ParseStamp(id + (version.empty() ? "" : "\n" + version), stamp)) return {};
+  return stamp;
+}
+
+void WriteRecord(const Stamp& stamp) {
+  HKEY key = nullptr;
+  if (RegCreateKeyExW(HKEY_CURRENT_USER, kRecordKey, 0, nullptr, 0, KEY_SET_VALUE, nullptr, &key, nullptr) !=
+      ERROR_SUCCESS) {
+    throw Failure{std::string("Cannot record the payload in ") + kRecordName};
   }
-  if ((command == "stamp" || command == "check") && args.size() == 2) {
-    const fs::path package = PathOf(args[1]);
-    const std::string identity = PayloadIdentity(package);
-    if (command == "stamp") {
-      WriteText(package / "AddIn" / kStampName, identity + "\r\n");
-      WriteText(package / "Quorvane_Detect.ps1", DetectionScript(identity));
-      std::printf("Payload %s\nStamp: %s\nDetection script: %s\n", identity.c_str(),
-                  Utf8(package / "AddIn" / kStampName).c_str(),
-                  Utf8(package / "Quorvane_Detect.ps1").c_str());
+  const auto set = [&](const wchar_t* name, const std::string& text) {
+    const WString value = Wide(text);
+    return RegSetValueExW(key, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()),
+                          static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t))) == ERROR_SUCCESS;
+  };
+  // The identity last: a record names its version whenever it names a payload.
+  bool done = stamp.version.empty() ? (RegDeleteValueW(key, L"PayloadVersion"), true) : set(L"PayloadVersion", stamp.version);
+  done = done && set(L"PayloadId", stamp.identity);
+  RegCloseKey(key);
+  if (!done) throw Failure{std::string("Cannot record the payload in ") + kRecordName};
+}
+
+void DeleteRecord() {
+  HKEY key = nullptr;
+  if (RegOpenKeyExW(HKEY_CURRENT_USER, kRecordKey, 0, KEY_SET_VALUE, &key) != ERROR_SUCCESS) return;
+  RegDeleteValueW(key, L"PayloadId");
+  RegDeleteValueW(key, L"PayloadVersion");
+  RegCloseKey(key);
+}
+
+// --- One run ----------------------------------------------------------------
+
+struct Run {
+  KitCommand command;
+  WString program;   // this Quorvane_Kit.exe
+  WString home;      // its folder, which holds the setup program
+  WString quorvane;  // %LOCALAPPDATA%\Quorvane
+  WString work;      // this run's own folder below it
+  Stamp payload;     // the payload this run is about, as far as known
+  bool logging = false;
+
+  WString Kit() const { return quorvane + L"\\Kit"; }
+  WString LogFile() const { return quorvane + L"\\Logs\\Quorvane_Deploy.log"; }
+};
+
+std::string Now() {
+  SYSTEMTIME t;
+  GetLocalTime(&t);
+  char text[40];
+  std::snprintf(text, sizeof text, "%04u-%02u-%02u %02u:%02u:%02u.%03u", t.wYear, t.wMonth, t.wDay, t.wHour,
+                t.wMinute, t.wSecond, t.wMilliseconds);
+  return text;
+}
+
+// Appends to the log, each line with the time and the payload's identity and
+// version; past 1 MB the log becomes Quorvane_Deploy.1.log first.
+void Log(const Run& run, const std::string& text) {
+  if (!run.logging) return;
+  const WString file = run.LogFile();
+  WIN32_FILE_ATTRIBUTE_DATA data;
+  if (GetFileAttributesExW(file.c_str(), GetFileExInfoStandard, &data) &&
+      ((std::uint64_t{data.nFileSizeHigh} << 32) | data.nFileSizeLow) >= kLogLimit) {
+    MoveFileExW(file.c_str(), (run.quorvane + L"\\Logs\\Quorvane_Deploy.1.log").c_str(), MOVEFILE_REPLACE_EXISTING);
+  }
+  std::vector<std::string> lines;
+  SplitLines(text, lines, kMaxOutput);
+  const std::string head = Now() + " [" + (run.payload.identity.empty() ? "-" : run.payload.identity) + " " +
+                           (run.payload.version.empty() ? "-" : run.payload.version) + "] ";
+  std::string bytes;
+  for (const std::string& line : lines) bytes += head + AsUtf8(line) + "\r\n";
+  Handle log(CreateFileW(file.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ, nullptr, OPEN_ALWAYS,
+                         FILE_ATTRIBUTE_NORMAL, nullptr));
+  DWORD written = 0;
+  if (log.ok()) WriteFile(log.value, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr);
+}
+
+// A message for the user, on standard error and in the log.
+void Tell(const Run& run, const std::string& text) {
+  Print(stderr, text + "\n");
+  Log(run, text);
+}
+
+// A folder that this run has just made itself, below %LOCALAPPDATA%\Quorvane.
+// The run holds the account's lock, so any other folder there was left by a
+// run that was killed: it goes.
+WString MakeWorkFolder(const WString& quorvane) {
+  MakeFolder(quorvane + L"\\Work");
+  for (const WIN32_FIND_DATAW& entry : List(quorvane + L"\\Work")) {
+    if (!(entry.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) && (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)) {
+      try {
+        RemoveTree(quorvane + L"\\Work\\" + entry.cFileName);
+      } catch (const Failure&) {
+      }
+    }
+  }
+  const WString base = quorvane + L"\\Work\\" + std::to_wstring(GetCurrentProcessId()) + L"-" +
+                       std::to_wstring(GetTickCount64());
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    const WString folder = base + L"-" + std::to_wstring(attempt);
+    if (CreateDirectoryW(folder.c_str(), nullptr)) return folder;
+    if (GetLastError() != ERROR_ALREADY_EXISTS) break;
+  }
+  throw Failure{"Cannot make a work folder in " + Shown(quorvane + L"\\Work")};
+}
+
+// One argument of a command line, quoted as programs split them.
+WString Quoted(const WString& argument) {
+  if (!argument.empty() && argument.find_first_of(L" \t\"") == WString::npos) return argument;
+  WString out = L"\"";
+  std::size_t slashes = 0;
+  for (const wchar_t c : argument) {
+    if (c == L'\\') {
+      ++slashes;
+      continue;
+    }
+    out.append(c == L'"' ? 2 * slashes + 1 : slashes, L'\\');
+    slashes = 0;
+    out += c;
+  }
+  out.append(2 * slashes, L'\\');
+  return out + L"\"";
+}
+
+struct ToolRun {
+  int exit = -1;       // -1: the setup program did not run
+  std::string output;  // both its streams
+};
+
+// Runs the setup program beside this kit with `action` and the options of
+// the command line, its output into a file of the work folder.
+ToolRun RunTool(const Run& run, const std::string& action) {
+  // Each run's output in a file of its own; the setup program gets its path
+  // in the short form where that fits, as it takes its package folder from it.
+  static int runs = 0;
+  const WString tool = run.home + L"\\Quorvane_Setup.exe", shortTool = Wide(Shown(tool));
+  const WString outputFile = run.work + L"\\" + std::to_wstring(++runs) + L".txt";
+  const WString started = shortTool.size() < MAX_PATH ? shortTool : tool;
+  WString line = Quoted(started) + L" " + Wide(action);
+  for (const std::string& option : run.command.toolOptions) line += L" " + Quoted(Wide(option));
+  SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
+  ToolRun result;
+  {
+    Handle output(CreateFileW(outputFile.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit, CREATE_NEW,
+                              FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!output.ok()) throw Failure{"Cannot write " + Shown(outputFile)};
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
+    startup.hStdOutput = output.value;
+    startup.hStdError = output.value;
+    PROCESS_INFORMATION process{};
+    if (!CreateProcessW(started.c_str(), line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process)) {
+      throw Failure{"Cannot start " + Shown(tool)};
+    }
+    WaitForSingleObject(process.hProcess, INFINITE);
+    DWORD code = 0;
+    GetExitCodeProcess(process.hProcess, &code);
+    CloseHandle(process.hThread);
+    CloseHandle(process.hProcess);
+    result.exit = static_cast<int>(code);
+  }
+  if (!ReadBounded(outputFile, kMaxOutput, result.output)) throw Failure{"Cannot read " + Shown(outputFile)};
+  return result;
+}
+
+// The wrapper's code for a failed transaction, or any other code of the
+// setup program: Fusion holding the add-in, or the run lock, means retry.
+int RetryOrCode(const Run& run, const ToolRun& tool) {
+  if (tool.exit == 7) return kRetryLater;
+  if (tool.exit != 6) return tool.exit;
+  const ToolRun status = RunTool(run, "/status");
+  if (!ParseStatusReport(status.output).fusionRunning) return 6;
+  Log(run, "Fusion is running and may hold a file of the add-in: retry later, or close Fusion.");
+  return kRetryLater;
+}
+
+// The detection: "installed" when the record names this payload or a newer
+// version of it, /status finds every add-in complete (or no Fusion at all),
+// and every add-in holds the recorded payload's stamp.
+int Detect(const Run& run, const Stamp& mine, std::string& found) {
+  const Stamp recorded = ReadRecord();
+  if (recorded.identity.empty() || Compare(recorded, mine) == Order::kRecordedOlderOrUnordered) return 0;
+  const ToolRun status = RunTool(run, "/status");
+  const StatusReport report = ParseStatusReport(status.output);
+  if (status.exit != 0 && status.exit != 1) {
+    Print(stderr, status.output);
+    return status.exit;
+  }
+  if (!report.valid) {
+    Print(stderr, "Cannot read the setup program's report:\n" + status.output);
+    return kKitFailure;
+  }
+  if (status.exit == 1 && report.installations != 0) return 0;
+  for (const std::string& addIn : report.addIns) {
+    if (ReadStamp(Long(Wide(addIn)) + L"\\" + kStampName).identity != recorded.identity) return 0;
+  }
+  found = "Quorvane payload " + mine.identity + (mine.version.empty() ? "" : " version " + mine.version) +
+          " is installed; Add-In profiles: " + std::to_string(report.installations) +
+          (report.installations == 0 ? " (no Fusion installation)" : "") +
+          (recorded.identity == mine.identity ? "" : "; by the newer payload " + recorded.identity + " version " +
+                                                         recorded.version) + ".";
+  return 0;
+}
+
+// Copies a program or script of the kit into the kept kit, as a plain file
+// whatever attributes the package gave it.
+void Keep(const WString& from, const WString& to) {
+  if (_wcsicmp(from.c_str(), to.c_str()) == 0) return;
+  SetFileAttributesW(to.c_str(), FILE_ATTRIBUTE_NORMAL);
+  if (!CopyFileW(from.c_str(), to.c_str(), FALSE) || !SetFileAttributesW(to.c_str(), FILE_ATTRIBUTE_NORMAL)) {
+    throw Failure{"Cannot keep " + Shown(from) + " as " + Shown(to)};
+  }
+}
+
+// What detection needs once the package is gone, then the record of the
+// payload, last, so that a record always has the pieces beside it.
+void KeepAndRecord(const Run& run) {
+  MakeFolder(run.Kit());
+  Keep(run.home + L"\\Quorvane_Setup.exe", run.Kit() + L"\\Quorvane_Setup.exe");
+  Keep(run.program, run.Kit() + L"\\Quorvane_Kit.exe");
+  if (IsPlainFile(run.home + L"\\Quorvane_Deploy.cmd")) {
+    Keep(run.home + L"\\Quorvane_Deploy.cmd", run.Kit() + L"\\Quorvane_Deploy.cmd");
+  }
+  WriteRecord(run.payload);
+  Log(run, "Recorded payload " + run.payload.identity + (run.payload.version.empty() ? "" : " version " + run.payload.version) +
+               " in " + kRecordName + "; detection kept in " + Shown(run.Kit()) + ".");
+}
+
+// The newest backups of each profile the install changed, and the prepared
+// folders of failed runs before it; nothing else, and nothing through a link.
+void Prune(const Run& run, const std::string& output) {
+  std::uint64_t total = 0, removed = 0;
+  for (const ChangedProfile& profile : ChangedProfiles(output)) {
+    const WString backups = Long(Wide(profile.installBackups));
+    const WString quorvane = Parent(backups), keldaro = Parent(quorvane);
+    if (!IsFolder(keldaro) || !IsFolder(quorvane) || !IsFolder(backups)) {
+      Log(run, "Backups left as they are (not plain folders): " + profile.installBackups);
+      continue;
+    }
+    std::vector<std::pair<FILETIME, BackupFolder>> found;
+    for (const WIN32_FIND_DATAW& entry : List(backups)) {
+      if ((entry.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) || !(entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)) {
+        continue;
+      }
+      const WString folder = backups + L"\\" + entry.cFileName;
+      found.push_back({entry.ftCreationTime,
+                       {Utf8(entry.cFileName), IsFolder(folder + L"\\before"), IsFolder(folder + L"\\prepared")}});
+    }
+    std::sort(found.begin(), found.end(), [](const auto& a, const auto& b) {
+      const LONG order = CompareFileTime(&a.first, &b.first);
+      return order != 0 ? order > 0 : a.second.name > b.second.name;
+    });
+    std::vector<BackupFolder> newestFirst;
+    for (const auto& [time, folder] : found) newestFirst.push_back(folder);
+    const Pruning pruning = PlanPruning(newestFirst, profile.transaction, run.command.keptBackups);
+    const auto remove = [&](const WString& path) {
+      try {
+        const std::uint64_t bytes = RemoveTree(path);
+        Log(run, "Removed " + Shown(path) + ": " + std::to_string(bytes) + " bytes.");
+        total += bytes;
+        ++removed;
+      } catch (const Failure& failure) {
+        Log(run, "Left " + Shown(path) + ": " + failure.text);
+      }
+    };
+    for (const std::string& name : pruning.removeWhole) remove(backups + L"\\" + Wide(name));
+    for (const std::string& name : pruning.removePrepared) {
+      remove(backups + L"\\" + Wide(name) + L"\\prepared");
+      RemoveDirectoryW((backups + L"\\" + Wide(name)).c_str());  // only when nothing else is left there
+    }
+  }
+  Log(run, "Kept the newest " + std::to_string(run.command.keptBackups) + " backups of each changed profile; removed " +
+               std::to_string(removed) + " folders, " + std::to_string(total) + " bytes.");
+}
+
+// The package folder: /package, else the kit's own folder.
+WString PackageOf(const Run& run) {
+  return run.command.package.empty() ? run.home : Long(Wide(run.command.package));
+}
+
+int Install(Run& run) {
+  run.payload = CheckedStamp(PackageOf(run));
+  const Stamp recorded = ReadRecord();
+  if (!recorded.identity.empty() && Compare(recorded, run.payload) == Order::kRecordedNewer) {
+    Log(run, "Nothing to do: payload version " + run.payload.version + " is older than the recorded " +
+                 recorded.version + " (" + recorded.identity + ").");
+    return 0;
+  }
+  const ToolRun tool = RunTool(run, "/install");
+  Print(stdout, tool.output);
+  Log(run, tool.output);
+  Log(run, "tool exit " + std::to_string(tool.exit));
+  if (FoundNoFusion(tool.exit, tool.output)) {
+    Log(run, "no Fusion installation: nothing to install");
+    KeepAndRecord(run);
+    return 0;
+  }
+  if (tool.exit != 0) return RetryOrCode(run, tool);
+  KeepAndRecord(run);
+  // The install stands whatever the pruning meets: it only logs.
+  try {
+    Prune(run, tool.output);
+  } catch (const Failure& failure) {
+    Log(run, "Backups not pruned: " + failure.text);
+  }
+  return 0;
+}
+
+int Uninstall(Run& run) {
+  const ToolRun tool = RunTool(run, "/uninstall");
+  Print(stdout, tool.output);
+  Log(run, tool.output);
+  Log(run, "tool exit " + std::to_string(tool.exit));
+  if (tool.exit != 0) return RetryOrCode(run, tool);
+  DeleteRecord();
+  // A kit run from the kept copy cannot remove its own program: it is left.
+  for (const WIN32_FIND_DATAW& entry : List(run.Kit())) {
+    const WString file = run.Kit() + L"\\" + entry.cFileName;
+    SetFileAttributesW(file.c_str(), FILE_ATTRIBUTE_NORMAL);
+    if (!(entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) && !DeleteFileW(file.c_str())) {
+      Log(run, "Left " + Shown(file) + " (in use).");
+    }
+  }
+  RemoveDirectoryW(run.Kit().c_str());
+  Log(run, "Removed the payload record and " + Shown(run.Kit()) + ".");
+  return 0;
+}
+
+int Logon(Run& run) {
+  if (!run.payload.identity.empty()) {
+    std::string found;
+    if (Detect(run, run.payload, found) == 0 && !found.empty()) {
+      Log(run, found + " Nothing to do.");
       return 0;
     }
-    const std::string stamped = FirstLine(package / "AddIn" / kStampName);
-    if (stamped.empty()) throw Failure{"The package is not stamped: run Quorvane_Kit.exe stamp on it."};
-    if (stamped != identity) {
-      throw Failure{"The payload changed after it was stamped (stamp " + stamped + ", payload " + identity +
-                    "): stamp the package again and deploy its new detection script."};
+  }
+  return Install(run);
+}
+
+int Main(const std::vector<std::string>& args) {
+  Run run;
+  run.command = ParseKitCommand(args);
+  const KitCommand& command = run.command;
+  if (!command.error.empty()) {
+    Print(stderr, command.error + "\n");
+    return kUsage;
+  }
+  if (command.verb == "stamp" || command.verb == "check") {
+    const WString package = Long(Wide(command.folder)), stampFile = package + L"\\AddIn\\" + kStampName;
+    if (command.verb == "check") {
+      Print(stdout, CheckedStamp(package).identity + "\n");
+      return 0;
     }
-    std::printf("%s\n", identity.c_str());
+    const Stamp stamp{PayloadIdentity(package), command.version};
+    WriteWhole(stampFile, StampText(stamp));
+    WriteWhole(package + L"\\Quorvane_Detect.ps1", DetectionScript(stamp));
+    Print(stdout, "Payload " + stamp.identity + "\n" + (stamp.version.empty() ? "" : "Version: " + stamp.version + "\n") +
+                      "Stamp: " + Shown(stampFile) + "\nDetection script: " + Shown(package + L"\\Quorvane_Detect.ps1") +
+                      "\n");
     return 0;
   }
-  throw Failure{"Usage: Quorvane_Kit.exe stamp|check <package folder> | stamped <identity> <report> | clock |"
-                " elapsed <count> [<end count>]"};
+  const std::string sid = AccountSid(), refusal = RefusalFor(sid);
+  if (!refusal.empty()) {
+    Print(stderr, refusal + "\n");
+    return kRefusedAccount;
+  }
+  run.program = OwnProgram();
+  run.home = Parent(run.program);
+  run.quorvane = LocalAppData() + L"\\Quorvane";
+  MakeFolder(run.quorvane);
+  // One kit run per account at a time, in every session of it.
+  Handle lock(CreateMutexW(nullptr, FALSE, (L"Global\\KELDARO_Quorvane_Kit_" + Wide(sid)).c_str()));
+  const DWORD waited = lock.ok() ? WaitForSingleObject(lock.value, kLockWaitMs) : WAIT_FAILED;
+  if (waited != WAIT_OBJECT_0 && waited != WAIT_ABANDONED) {
+    Print(stderr, "Another run of the deployment kit for this account is active: retry later.\n");
+    return kRetryLater;
+  }
+  int code = kKitFailure;
+  const DWORD started = GetTickCount();
+  try {
+    run.work = MakeWorkFolder(run.quorvane);
+    if (command.verb == "detect") {
+      std::string found;
+      code = Detect(run, Stamp{command.identity, command.version}, found);
+      if (!found.empty()) Print(stdout, found + "\n");
+    } else {
+      MakeFolder(run.quorvane + L"\\Logs");
+      run.logging = true;
+      run.payload = command.verb == "uninstall" ? ReadRecord() : ReadStamp(PackageOf(run) + L"\\AddIn\\" + kStampName);
+      Log(run, command.verb + " start: Quorvane_Kit " QUORVANE_VERSION " in " + Shown(run.home) + " for " +
+                   Variable(L"USERDOMAIN") + "\\" + Variable(L"USERNAME") + " (" + sid + ")");
+      code = command.verb == "install" ? Install(run) : command.verb == "logon" ? Logon(run) : Uninstall(run);
+    }
+  } catch (const Failure& failure) {
+    Tell(run, failure.text);
+    code = failure.code;
+  }
+  try {
+    if (!run.work.empty()) RemoveTree(run.work);
+  } catch (const Failure&) {
+  }
+  const DWORD elapsed = GetTickCount() - started;
+  char seconds[32];
+  std::snprintf(seconds, sizeof seconds, "%lu.%03lu s", elapsed / 1000, elapsed % 1000);
+  Log(run, command.verb + " end: exit " + std::to_string(code) + ", elapsed " + seconds);
+  ReleaseMutex(lock.value);
+  return code;
 }
 
 }  // namespace
 
-#ifdef _WIN32
 // Arguments as the system gives them, so that a package path keeps every
 // character whatever the code page.
 int main() {
   int count = 0;
   wchar_t** wide = CommandLineToArgvW(GetCommandLineW(), &count);
   std::vector<std::string> args;
-  for (int i = 1; i < count; ++i) args.push_back(Utf8(fs::path(wide[i])));
+  for (int i = 1; i < count; ++i) args.push_back(Utf8(wide[i]));
   LocalFree(wide);
-#else
-int main(int argc, char** argv) {
-  const std::vector<std::string> args(argv + 1, argv + argc);
-#endif
   try {
-    return Run(args);
+    return Main(args);
   } catch (const Failure& failure) {
-    std::fprintf(stderr, "%s\n", failure.text.c_str());
+    Print(stderr, failure.text + "\n");
+    return failure.code;
   } catch (const std::exception& failure) {
-    std::fprintf(stderr, "%s\n", failure.what());
+    Print(stderr, std::string(failure.what()) + "\n");
   }
   return kKitFailure;
 }
