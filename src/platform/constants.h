@@ -6,6 +6,11 @@
 
 namespace qv::platform {
 
+// The buffer, in wide characters, that the tool hands every call giving back
+// a path or a value: room for the 32,767 characters of the longest path the
+// file calls take, and the terminator.
+inline constexpr std::uint32_t kLongPathBuffer = 32768;
+
 // Error codes (winerror.h).
 inline constexpr std::uint32_t kErrorSuccess = 0;
 inline constexpr std::uint32_t kErrorFileNotFound = 2;
@@ -29,6 +34,7 @@ inline constexpr std::uint32_t kErrorInvalidName = 123;
 inline constexpr std::uint32_t kErrorDirNotEmpty = 145;
 inline constexpr std::uint32_t kErrorAlreadyExists = 183;
 inline constexpr std::uint32_t kErrorFilenameExcedRange = 206;
+inline constexpr std::uint32_t kErrorFileTooLarge = 223;
 inline constexpr std::uint32_t kErrorMoreData = 234;
 inline constexpr std::uint32_t kErrorNoMoreItems = 259;
 inline constexpr std::uint32_t kErrorDirectory = 267;

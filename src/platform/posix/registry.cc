@@ -16,10 +16,10 @@
 
 #include "platform/fault_injection.h"
 #include "platform/platform.h"
-#include "platform/posix/file_bytes.h"
-#include "platform/posix/handles.h"
+#include "platform/posix/host_case.h"
+#include "platform/posix/host_handles.h"
+#include "platform/posix/host_paths.h"
 #include "platform/posix/host_roots.h"
-#include "platform/posix/name_order.h"
 #include "platform/posix/registry.h"
 #include "platform/posix/wine_registry.h"
 
@@ -36,7 +36,6 @@ struct OpenKey {
 // Links followed in one open before it gives up (a loop of links).
 constexpr int kMaxLinks = 16;
 constexpr std::uint32_t kRegLink = 6;
-constexpr std::uint32_t kOpenLink = 0x8;  // REG_OPTION_OPEN_LINK
 
 std::string ReadHive(Hive hive) {
   const std::string path = posix::PrefixDirectory() + (hive == Hive::Machine ? "/system.reg" : "/user.reg");
@@ -50,11 +49,7 @@ std::int32_t Fail(std::uint32_t error) {
   return static_cast<std::int32_t>(error);
 }
 
-bool SameName(WStringView a, WStringView b) {
-  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char16_t x, char16_t y) {
-           return posix::UpcaseCodeUnit(x) == posix::UpcaseCodeUnit(y);
-         });
-}
+constexpr auto SameName = posix::SameNameIgnoringCase;
 
 // Appends the components of a key path: one trailing backslash is allowed,
 // an empty component elsewhere is not; `skipEmpty` drops them all instead.
@@ -94,12 +89,10 @@ bool LinkTarget(const std::vector<WString>& link, OpenKey& key) {
   WString target;
   for (const posix::WineRegistryValue& value : ReadKey(OpenKey{key.hive, link}).values) {
     if (!SameName(value.name, u"SymbolicLinkValue") || value.type != kRegLink) continue;
-    for (std::size_t i = 0; i + 1 < value.data.size(); i += 2) {
-      target.push_back(static_cast<char16_t>(value.data[i] | (value.data[i + 1] << 8)));
-    }
+    target = Utf16LeText(value.data.data(), value.data.size());
   }
   std::vector<WString> parts;
-  AppendComponents(target.substr(0, target.find(u'\0')), parts, true);
+  AppendComponents(target, parts, true);
   WString sid;
   std::size_t rest = 3;
   if (parts.size() >= 2 && SameName(parts[0], u"Registry") && SameName(parts[1], u"Machine")) {
@@ -117,7 +110,7 @@ bool LinkTarget(const std::vector<WString>& link, OpenKey& key) {
 
 }  // namespace
 
-std::int32_t RegOpenKeyExW(RegKey root, const WString& subKey, std::uint32_t options, std::uint32_t samDesired,
+std::int32_t RegOpenKeyExW(RegKey root, const WString& subKey, std::uint32_t /*options*/, std::uint32_t samDesired,
                            RegKey& result) {
   QV_FAULT_POINT_CODE("RegOpenKeyExW", subKey);
   OpenKey key;
@@ -129,12 +122,12 @@ std::int32_t RegOpenKeyExW(RegKey root, const WString& subKey, std::uint32_t opt
       SameName(parts[0], u"Software") && !SameName(parts[1], u"Wow6432Node")) {
     parts.insert(parts.begin() + 1, u"Wow6432Node");
   }
-  // Links on the way are followed as Wine's server follows them, and the
-  // key's own link too unless REG_OPTION_OPEN_LINK asks for the link itself.
+  // Links on the way are followed as Wine's server follows them, the key's
+  // own link too: the tool never asks for a link itself.
   for (int links = 0;; ++links) {
     const posix::WineRegistryKey found = ReadKey(key);
     const std::size_t depth = found.linkDepth;
-    if (depth == 0 || (depth == parts.size() && (options & kOpenLink) != 0)) {
+    if (depth == 0) {
       if (!found.exists) return Fail(kErrorFileNotFound);
       break;
     }

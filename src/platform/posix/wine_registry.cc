@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <map>
 
-#include "platform/posix/name_order.h"
+#include "platform/posix/host_case.h"
 
 namespace qv::platform::posix {
 namespace {
@@ -36,11 +36,7 @@ int HexDigit(char c) {
   return digit == std::string_view::npos ? -1 : static_cast<int>(digit % 16);
 }
 
-WString Fold(WStringView name) {
-  WString folded(name);
-  std::transform(folded.begin(), folded.end(), folded.begin(), UpcaseCodeUnit);
-  return folded;
-}
+WString Fold(WStringView name) { return UpcaseName(WString(name)); }
 
 // Decodes an escaped string from `pos` up to the unescaped `terminator`,
 // leaving `pos` just after it. False when the line ends first, unless the
