@@ -64,7 +64,8 @@ bool MoveFileExW(const WString& from, const WString& to, std::uint32_t flags);
 bool CopyFileW(const WString& from, const WString& to, bool failIfExists);
 bool DeleteFileW(const WString& path);
 
-// Opens or creates a file for writing. kInvalidHandle on failure.
+// Creates a file to write it whole: CREATE_NEW or CREATE_ALWAYS, the only
+// dispositions the tool asks for. kInvalidHandle on failure.
 Handle CreateFileW(const WString& path, std::uint32_t desiredAccess, std::uint32_t shareMode,
                    std::uint32_t creationDisposition, std::uint32_t flagsAndAttributes);
 bool WriteFile(Handle file, const void* data, std::uint32_t size, std::uint32_t& written);

@@ -55,10 +55,11 @@ TEST_P(LiveDiscovery, RunningProcessesOfThisSessionAndAccount) {
   // With the launcher alone left, Fusion still runs: the report says so and
   // an uninstall asks for a restart.
   for (int pid = 100; pid < 104; ++pid) std::filesystem::remove_all(m.prefix.procRoot + "/" + std::to_string(pid));
-  const std::string uninstalled = "Quorvane uninstalled. Settings and ODB++ outputs preserved.\n";
   for (const auto& [action, code, out] : std::vector<std::tuple<std::string, int, std::string>>{
            {"/status", 1, "Quorvane v0.1.8\nAutodesk Fusion installations: 0\nFusion running: Yes\n"},
-           {"/uninstall", 0, uninstalled + "Restart Autodesk Fusion to complete removal.\n"}}) {
+           {"/uninstall", 0,
+            "Quorvane uninstalled. Settings and ODB++ outputs preserved.\n"
+            "Restart Autodesk Fusion to complete removal.\n"}}) {
     EXPECT_EQ(Ended(m.Run({action})), std::make_tuple(code, out, "")) << action;
   }
 }

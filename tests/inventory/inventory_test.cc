@@ -52,7 +52,6 @@ TEST_F(InventoryTest, ReaderRefusesWhatItCannotTrustAndKeepsWhatCameBefore) {
     WString last = {};   // the last one as "executable|appData", when given
     std::uintmax_t size = 0;  // the file's size, zero bytes added, when given
   };
-  const std::uintmax_t largest = kLargestInventoryBytes;
   std::vector<Row> rows = {
       {{"[Other]", "Count=1", f, "AppData0=C:\\P"}, kInvalid, 0},
       {Entries("129", 129), kInvalid, 0},
@@ -62,7 +61,8 @@ TEST_F(InventoryTest, ReaderRefusesWhatItCannotTrustAndKeepsWhatCameBefore) {
       {{"[Fusion]", "Count=0", "Executable0=relative", "AppData0="}, u"", 0},
       {Entries("128", 128), u"", 128, u"C:\\F127\\Fusion360.exe|C:\\P127"}, {Entries("1", 3), u"", 1},
       {Entries("2", 1), kIncomplete, 1}, {{"[Fusion]", "Count=1", f}, kIncomplete, 0},
-      {Entries("1", 1), u"", 1, u"", largest}, {Entries("1", 1), kInvalid, 0, u"", largest + 1},
+      {Entries("1", 1), u"", 1, u"", kLargestInventoryBytes},
+      {Entries("1", 1), kInvalid, 0, u"", kLargestInventoryBytes + 1},
       {{"[Fusion]", "Count=1", "Executable0=Fusion360.exe", "AppData0=C:\\P"}, kIncomplete, 0},
       {{"[Fusion]", "Count=1", "Executable0=\\\\server\\share\\Fusion360.exe", "AppData0=C:\\P"}, kIncomplete, 0},
       {{"[Fusion]", "Count=1", f, "AppData0=\\Users\\x"}, kIncomplete, 0},
