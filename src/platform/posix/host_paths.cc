@@ -248,12 +248,14 @@ bool ReadFileBytes(const std::string& hostPath, std::string& bytes, std::uint32_
                                                             : 0;
   bytes.clear();
   char chunk[1 << 16];
-  // The kernel's own files report size 0: read to the end.
+  // The kernel's own files report size 0: read to the end, or past the
+  // limit of a file that grows meanwhile.
   while (error == 0) {
     const ssize_t n = ::read(fd, chunk, sizeof chunk);
     if (n == 0) break;
     if (n > 0) bytes.append(chunk, static_cast<std::size_t>(n));
     if (n < 0 && errno != EINTR) error = kErrorReadFault;
+    if (bytes.size() > limit) error = kErrorFileTooLarge;
   }
   ::close(fd);
   return error == 0;
