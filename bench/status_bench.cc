@@ -1,5 +1,8 @@
 // /status over 128 installations from a full inventory, each add-in
-// healthy, and LoadInventory of those 128 records.
+// healthy, and LoadInventory of those 128 records; and LoadInventory of 128
+// records of paths of 300 characters, below a folder past MAX_PATH, where the
+// Windows build reads the file itself with the profile reader: 257 questions,
+// each read from the file afresh.
 //
 //   status_bench
 #include <cstdio>
@@ -34,6 +37,21 @@ int main() {
   Print("LoadInventory, 128 records", Time(50, [&] {
           saved.clear();
           if (!qv::LoadInventory(u"C:\\local", saved, error) || saved.size() != 128) std::abort();
+        }));
+
+  std::string deep = "local";
+  for (char c = 'a'; c < 'g'; ++c) deep += "/" + std::string(40, c);
+  std::vector<std::pair<std::string, std::string>> longRecords;
+  for (int i = 0; i < 128; ++i) {
+    const std::string n = std::to_string(i) + std::string(290, 'x');
+    longRecords.emplace_back("C:\\Fusion\\" + n + "\\Fusion360.exe", "C:\\Profiles\\" + n);
+  }
+  t::WriteFile(prefix.C(deep + "/Quorvane/Installation.ini"), t::InventoryBytes(longRecords));
+  qv::WString deepWindows = u"C:\\" + qv::Utf8ToWide(deep);
+  for (char16_t& c : deepWindows) c = c == u'/' ? u'\\' : c;
+  Print("LoadInventory, 128 records of 300-character paths", Time(20, [&] {
+          saved.clear();
+          if (!qv::LoadInventory(deepWindows, saved, error) || saved.size() != 128) std::abort();
         }));
 
   ProcessFigures status =

@@ -36,7 +36,6 @@ bool DiscoverIsolatedInstallations(const WString& appData, const WString& localA
 
 // The Uninstall keys of one root in one registry view.
 void ScanUninstallRegistry(platform::RegKey root, std::uint32_t view, ExecutableList& found);
-WString ReadRegistryPathValue(platform::RegKey key, const WString& valueName);
 void AddUniqueExecutable(ExecutableList& found, const WString& path);
 
 // The Fusion360.exe processes of this session and account: canonical paths,

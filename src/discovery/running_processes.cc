@@ -5,7 +5,7 @@
 namespace qv {
 namespace {
 
-constexpr std::uint32_t kImageBufferCharacters = 32768;
+constexpr std::uint32_t kImageBufferCharacters = platform::kLongPathBuffer;
 
 }  // namespace
 

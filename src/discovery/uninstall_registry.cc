@@ -1,17 +1,15 @@
-#include <memory>
 #include <vector>
 
 #include "discovery/discovery.h"
 #include "paths/path_rules.h"
 #include "platform/platform.h"
+#include "user/user_folders.h"
 
 namespace qv {
 namespace {
 
 constexpr char16_t kUninstallKey[] = u"Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall";
-constexpr std::uint32_t kValueBufferBytes = 65536;
 constexpr std::uint32_t kNameBufferCharacters = 512;
-constexpr std::uint32_t kExpandBufferCharacters = 32768;
 
 // RegEnumKeyExW is asked for ever higher indexes until it says there are no
 // more. An error that repeats for every index (the Uninstall key deleted
@@ -32,32 +30,6 @@ WString IconPath(const WString& value) {
 }
 
 }  // namespace
-
-WString ReadRegistryPathValue(platform::RegKey key, const WString& valueName) {
-  // The call fills only the `size` bytes it reports; the text is read from
-  // those as from a zero-filled buffer, a missing last byte or terminator
-  // being zero. Not filling 64 KB with zeros for each of thousands of values
-  // keeps the scan of a large Uninstall key fast.
-  std::unique_ptr<std::uint8_t[]> buffer(new std::uint8_t[kValueBufferBytes]);
-  std::uint32_t type = 0;
-  std::uint32_t size = kValueBufferBytes;
-  if (platform::RegQueryValueExW(key, valueName, type, buffer.get(), size) != 0) return {};
-  if (type != platform::kRegSz && type != platform::kRegExpandSz) return {};
-  if (size >= kValueBufferBytes) return {};
-  WString text;
-  text.reserve(size / 2);
-  for (std::size_t i = 0; i < size; i += 2) {
-    const std::uint8_t high = i + 1 < size ? buffer[i + 1] : 0;
-    const WChar c = static_cast<WChar>(buffer[i] | (high << 8));
-    if (c == 0) break;
-    text.push_back(c);
-  }
-  if (type == platform::kRegSz) return text;
-  WString expanded;
-  const std::uint32_t needed = platform::ExpandEnvironmentStringsW(text, expanded, kExpandBufferCharacters);
-  if (needed == 0 || needed >= kExpandBufferCharacters) return {};
-  return expanded;
-}
 
 void AddUniqueExecutable(ExecutableList& found, const WString& path) {
   const WString canonical = CanonicalPath(path);

@@ -40,7 +40,7 @@ bool ReadOptions(const std::vector<WString>& arguments, RunOptions& options, WSt
 
 WString LocatePackageRoot() {
   WString path;
-  std::uint32_t length = platform::GetModuleFileNameW(path, 32768);
+  std::uint32_t length = platform::GetModuleFileNameW(path, platform::kLongPathBuffer);
   // The length is taken as it comes, with no test for failure or truncation.
   if (length < path.size()) path.resize(length);
   return PathParent(path);

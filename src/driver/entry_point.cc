@@ -5,6 +5,7 @@
 
 #include "discovery/discovery.h"
 #include "driver/command_line.h"
+#include "driver/exit_codes.h"
 #include "driver/run_lock.h"
 #include "driver/status_report.h"
 #include "paths/path_rules.h"
@@ -28,14 +29,14 @@ int RunLocked(const std::vector<WString>& arguments) {
   options.localAppData = GetUserFolder(platform::kCsidlLocalAppData);
   if (options.appData.empty() || options.localAppData.empty()) {
     Err(u"Required per-user Windows folders are unavailable.\n");
-    return 3;
+    return kExitNoUserFolders;
   }
   options.packageRoot = LocatePackageRoot();
 
   WString error;
   if (!ReadOptions(arguments, options, error)) {
     Err(error);
-    return 2;
+    return kExitUsage;
   }
 
   FusionInstallationList installations;
@@ -46,7 +47,7 @@ int RunLocked(const std::vector<WString>& arguments) {
           : DiscoverFusionInstallations(options.appData, options.localAppData, installations, error);
   if (!discovered) {
     Err(error + u"\n");
-    return 5;
+    return kExitNotFound;
   }
 
   const WString action = ToLowerCopy(arguments[1]);
@@ -57,28 +58,28 @@ int RunLocked(const std::vector<WString>& arguments) {
   if (action == u"/uninstall") {
     if (!SelectUninstallTargets(options.appData, options.localAppData, installations, error)) {
       Err(error + u"\n");
-      return 5;
+      return kExitNotFound;
     }
     const int result = RunTransaction(options.packageRoot, options.localAppData, installations, true);
-    if (result != 0) return result;
+    if (result != kExitSuccess) return result;
     Out(u"Quorvane uninstalled. Settings and ODB++ outputs preserved.\n");
     if (fusionActive) Out(u"Restart Autodesk Fusion to complete removal.\n");
-    return 0;
+    return kExitSuccess;
   }
 
   if (action != u"/install" && action != u"/update") {
     Err(u"Unknown action.\n");
-    return 2;
+    return kExitUsage;
   }
   if (installations.empty()) {
     Err(u"Autodesk Fusion was not detected. Start Fusion once, then retry.\n");
-    return 5;
+    return kExitNotFound;
   }
   const int result = RunTransaction(options.packageRoot, options.localAppData, installations, false);
-  if (result != 0) return result;
+  if (result != kExitSuccess) return result;
   Out(u"Quorvane installed/updated.\n");
   if (fusionActive) Out(u"Restart Autodesk Fusion to activate/update the Quorvane.\n");
-  return 0;
+  return kExitSuccess;
 }
 
 }  // namespace
@@ -86,15 +87,15 @@ int RunLocked(const std::vector<WString>& arguments) {
 int RunSetup(const std::vector<WString>& arguments) {
   if (arguments.size() < 2) {
     Err(u"Usage: Quorvane_Setup.exe /install|/update|/uninstall|/status\n");
-    return 2;
+    return kExitUsage;
   }
   RunLock lock = AcquireRunLock();
   if (!lock.held) {
     Err(u"Another Quorvane Setup is active or was interrupted. Check its result and retry.\n");
     ReleaseRunLock(lock);
-    return 7;
+    return kExitRunLockHeld;
   }
-  int code = 6;
+  int code = kExitTransactionFailed;
   try {
     code = RunLocked(arguments);
   } catch (const std::exception& failure) {

@@ -1,5 +1,6 @@
 #include "driver/status_report.h"
 
+#include "driver/exit_codes.h"
 #include "paths/failure.h"
 #include "paths/guarded_files.h"
 #include "paths/path_rules.h"
@@ -40,7 +41,7 @@ int ReportStatus(const FusionInstallationList& installations, bool fusionActive)
                           (healthy ? u"Healthy" : u"Not installed or incomplete") + u"\n");
   }
   platform::WriteStdout(WString(u"Fusion running: ") + (fusionActive ? u"Yes" : u"No") + u"\n");
-  return allHealthy ? 0 : 1;
+  return allHealthy ? kExitSuccess : kExitIncomplete;
 }
 
 }  // namespace qv

@@ -10,7 +10,7 @@ namespace {
 
 // The profile reader's buffer; a value that fills it but for the terminator
 // cannot be told from a cut one.
-constexpr std::uint32_t kValueBuffer = 32768;
+constexpr std::uint32_t kValueBuffer = platform::kLongPathBuffer;
 
 bool IsBlank(WChar c) { return c == u' ' || (c >= u'\t' && c <= u'\r'); }
 

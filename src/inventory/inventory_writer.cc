@@ -24,17 +24,6 @@ WString InventoryText(const FusionInstallationList& records) {
   return text;
 }
 
-// The code units as little-endian bytes, two each, with no terminator.
-std::string Utf16LeBytes(const WString& text) {
-  std::string bytes;
-  bytes.reserve(text.size() * 2);
-  for (const WChar unit : text) {
-    bytes.push_back(static_cast<char>(unit & 0xFF));
-    bytes.push_back(static_cast<char>(unit >> 8));
-  }
-  return bytes;
-}
-
 // Creates the temporary file, which must not exist yet, and writes and
 // flushes the whole content. False leaves no temporary file of this call.
 bool WriteTemporary(const WString& temporary, const std::string& bytes) {

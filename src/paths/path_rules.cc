@@ -4,17 +4,9 @@
 
 namespace qv {
 
-namespace {
-
 // GetFullPathNameW's buffer: the longest accepted result has one character
 // less, for the terminator.
-constexpr std::uint32_t kFullPathBuffer = 32768;
-
-constexpr WChar Fold(WChar c) { return (c >= u'A' && c <= u'Z') ? static_cast<WChar>(c + (u'a' - u'A')) : c; }
-
-bool IsAsciiLetter(WChar c) { return (c >= u'A' && c <= u'Z') || (c >= u'a' && c <= u'z'); }
-
-}  // namespace
+using platform::kLongPathBuffer;
 
 WString CanonicalPath(const WString& path) {
   // Only "X:\" and "X:/" shapes go on: drive-relative, rooted-without-drive,
@@ -28,8 +20,8 @@ WString CanonicalPath(const WString& path) {
   }
 
   WString full;
-  const std::uint32_t length = platform::GetFullPathNameW(path, kFullPathBuffer, full);
-  if (length == 0 || length >= kFullPathBuffer) return {};
+  const std::uint32_t length = platform::GetFullPathNameW(path, kLongPathBuffer, full);
+  if (length == 0 || length >= kLongPathBuffer) return {};
   full.resize(length);
 
   // A bare drive root keeps its separator; any longer path loses them all.
@@ -59,6 +51,8 @@ WString AddInDirectory(const FusionInstallation& installation) {
 
 WString InventoryPath(const WString& localAppData) { return JoinPath(localAppData, u"Quorvane\\Installation.ini"); }
 
+// The root name as the tool's own path rules define it (drive, device
+// prefix, network name), not as GetFullPathNameW or the long-path form read it.
 std::size_t RootNameLength(const WString& path) {
   const std::size_t n = path.size();
   if (n >= 2 && IsAsciiLetter(path[0]) && path[1] == u':') return 2;
@@ -115,14 +109,14 @@ WString PathParent(const WString& path) {
 bool SamePath(const WString& a, const WString& b) {
   if (a.size() != b.size()) return false;
   for (std::size_t i = 0; i < a.size(); ++i) {
-    if (Fold(a[i]) != Fold(b[i])) return false;
+    if (AsciiLower(a[i]) != AsciiLower(b[i])) return false;
   }
   return true;
 }
 
 WString ToLowerCopy(const WString& text) {
   WString result = text;
-  for (WChar& c : result) c = Fold(c);
+  for (WChar& c : result) c = AsciiLower(c);
   return result;
 }
 

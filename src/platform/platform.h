@@ -64,7 +64,8 @@ bool MoveFileExW(const WString& from, const WString& to, std::uint32_t flags);
 bool CopyFileW(const WString& from, const WString& to, bool failIfExists);
 bool DeleteFileW(const WString& path);
 
-// Opens or creates a file for writing. kInvalidHandle on failure.
+// Creates a file to write it whole: CREATE_NEW or CREATE_ALWAYS, the only
+// dispositions the tool asks for. kInvalidHandle on failure.
 Handle CreateFileW(const WString& path, std::uint32_t desiredAccess, std::uint32_t shareMode,
                    std::uint32_t creationDisposition, std::uint32_t flagsAndAttributes);
 bool WriteFile(Handle file, const void* data, std::uint32_t size, std::uint32_t& written);
@@ -110,6 +111,8 @@ std::int32_t RegQueryValueExW(RegKey key, const WString& valueName, std::uint32_
                               std::uint8_t* data, std::uint32_t& size);
 std::int32_t RegCloseKey(RegKey key);
 
+// ----------------------------------------------------------- environment --
+
 // Expands %NAME% references. Returns the size needed in characters,
 // terminator included, or 0 on failure; `destination` holds the expansion
 // only when that size is at most `capacity`.
@@ -140,6 +143,8 @@ bool LookUpQueryFullProcessImageNameW();
 // Win32 form of a process's image path into a buffer of `capacity` characters.
 bool QueryFullProcessImageNameW(Handle process, WString& path, std::uint32_t capacity);
 
+// -------------------------------------------------------------- accounts --
+
 using Sid = std::vector<std::uint8_t>;
 
 bool OpenProcessToken(Handle process, std::uint32_t desiredAccess, Handle& token);
@@ -166,13 +171,19 @@ Handle CreateMutexW(const WString& name);
 std::uint32_t WaitForSingleObject(Handle handle, std::uint32_t milliseconds);
 bool ReleaseMutex(Handle mutex);
 
-// ------------------------------------------------------ version resource --
+// --------------------------------------------------------------- version --
 
 struct FixedFileInfo {
   std::uint32_t signature = 0;
   std::uint32_t fileVersionMS = 0;
   std::uint32_t fileVersionLS = 0;
 };
+
+// GetFileVersionInfoSizeW's answer for the largest version resource there can
+// be: its length field has 16 bits, and the call asks for twice the resource
+// and four bytes. Both backends answer a larger one as no version resource
+// (1812), so no caller makes a buffer of a size that the file chose.
+inline constexpr std::uint32_t kLargestVersionInfo = 2 * 0xFFFF + 4;
 
 // Size of the buffer GetFileVersionInfoW needs for the file's version
 // resource, 0 when it has none.
@@ -181,7 +192,7 @@ bool GetFileVersionInfoW(const WString& path, std::uint32_t size, std::vector<st
 // VerQueryValueW(data, "\\"): the root VS_FIXEDFILEINFO.
 bool VerQueryValueRootW(const std::vector<std::uint8_t>& data, FixedFileInfo& info);
 
-// --------------------------------------------------------- profile files --
+// --------------------------------------------------------------- profile --
 
 // GetPrivateProfileStringW into a buffer of `size` characters: the number of
 // characters placed in `value`, without the terminator; a value that does not
@@ -192,10 +203,6 @@ std::uint32_t GetPrivateProfileStringW(const WString& section, const WString& ke
 // WritePrivateProfileStringW(NULL, NULL, NULL, path): flushes the system's
 // cached copy of the profile file.
 bool FlushPrivateProfileCache(const WString& path);
-
-// ------------------------------------------------------------------ time --
-
-std::uint64_t GetTickCount64();
 
 // --------------------------------------------------------------- console --
 
@@ -209,6 +216,10 @@ std::vector<WString> CommandLineArguments(int argc, char** argv);
 
 // Ends the process at once, with no clean-up (fault injection's "crash").
 [[noreturn]] void TerminateNow();
+
+// ----------------------------------------------------------------- clock --
+
+std::uint64_t GetTickCount64();
 
 // RAII for the handles above.
 class ScopedHandle {

@@ -148,11 +148,9 @@ WStringView Trim(WStringView text) { return TrimRight(TrimLeft(text)); }
 
 WStringView CutAtNul(WStringView text) { return text.substr(0, text.find(u'\0')); }
 
-char16_t FoldAscii(char16_t c) { return c >= u'A' && c <= u'Z' ? static_cast<char16_t>(c + 32) : c; }
-
 bool SameName(WStringView a, WStringView b) {
   return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char16_t x, char16_t y) {
-           return FoldAscii(x) == FoldAscii(y);
+           return AsciiLower(x) == AsciiLower(y);
          });
 }
 
@@ -233,12 +231,6 @@ void ForEachLine(std::string_view fileBytes, LineFn&& line) {
   }
 }
 
-WString Folded(WStringView name) {
-  WString folded(name);
-  for (char16_t& c : folded) c = FoldAscii(c);
-  return folded;
-}
-
 }  // namespace
 
 std::uint32_t ReadProfileString(std::string_view fileBytes, WStringView section, WStringView key,
@@ -261,83 +253,8 @@ std::uint32_t ReadProfileString(std::string_view fileBytes, WStringView section,
   return CopyEntry(PrepareDefault(defaultValue), value, size, true);
 }
 
-ProfileIndex IndexProfile(std::string_view fileBytes) {
-  ProfileIndex index;
-  index.sections.emplace_back();  // the lines before the first header
-  ForEachLine(fileBytes, [&](WStringView line) {
-    line = Trim(line);
-    if (line.empty()) return true;
-    if (line[0] == u'[') {
-      const std::size_t close = line.rfind(u']');
-      if (close != WStringView::npos && close > 0) {
-        const WString name = Folded(CutAtNul(Trim(line.substr(1, close - 1))));
-        index.sections.emplace_back();
-        // Only the first section of a name is ever searched.
-        index.named.emplace(name, index.sections.size() - 1);
-        return true;
-      }
-    }
-    const std::size_t equals = line.find(u'=');
-    const WStringView name = equals == WStringView::npos ? line : TrimRight(line.substr(0, equals));
-    ProfileIndex::Entry entry;
-    entry.hasValue = equals != WStringView::npos;
-    if (entry.hasValue) entry.value = WString(CutAtNul(TrimLeft(line.substr(equals + 1))));
-    // The first line of a key answers for it.
-    index.sections.back().emplace(Folded(CutAtNul(name)), std::move(entry));
-    return true;
-  });
-  return index;
-}
-
-std::uint32_t ReadProfileString(const ProfileIndex& index, WStringView section, WStringView key,
-                                WStringView defaultValue, WString& value, std::uint32_t size) {
-  const WStringView wantedSection = Trim(CutAtNul(section));
-  const ProfileIndex::Section* keys = nullptr;
-  if (wantedSection.empty()) {
-    keys = &index.sections.front();
-  } else if (auto it = index.named.find(Folded(wantedSection)); it != index.named.end()) {
-    keys = &index.sections[it->second];
-  }
-  if (keys != nullptr) {
-    auto entry = keys->find(Folded(Trim(CutAtNul(key))));
-    if (entry != keys->end() && entry->second.hasValue) return CopyEntry(entry->second.value, value, size, true);
-  }
-  return CopyEntry(PrepareDefault(defaultValue), value, size, true);
-}
-
 std::uint32_t UnreadableProfileDefault(WStringView defaultValue, WString& value, std::uint32_t size) {
   return CopyEntry(PrepareDefault(defaultValue), value, size, false);
-}
-
-namespace {
-constexpr std::size_t kIndexedFileLimit = 4 << 20;
-}  // namespace
-
-void CachedProfile::Store(const FileVersion& version, std::string bytes) {
-  version_ = version;
-  indexed_ = bytes.size() <= kIndexedFileLimit;
-  if (indexed_) {
-    index_ = IndexProfile(bytes);
-    bytes_.clear();
-    bytes_.shrink_to_fit();
-  } else {
-    index_ = {};
-    bytes_ = std::move(bytes);
-  }
-  valid_ = true;
-}
-
-void CachedProfile::Clear() {
-  valid_ = false;
-  index_ = {};
-  bytes_.clear();
-  bytes_.shrink_to_fit();
-}
-
-std::uint32_t CachedProfile::Answer(WStringView section, WStringView key, WStringView defaultValue, WString& value,
-                                    std::uint32_t size) const {
-  if (indexed_) return ReadProfileString(index_, section, key, defaultValue, value, size);
-  return ReadProfileString(bytes_, section, key, defaultValue, value, size);
 }
 
 }  // namespace qv::platform::profile

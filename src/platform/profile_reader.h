@@ -1,8 +1,7 @@
 // Reading one value of an INI file the way GetPrivateProfileStringW does it
 // under Wine, for the backends that cannot hand the question to the system:
 // the Linux host always, the Windows build for a file whose path is too long
-// for the system's profile calls. Pure functions over the file's bytes, and
-// the one file a backend keeps while it stays unchanged on disk.
+// for the system's profile calls. Pure functions over the file's bytes.
 //
 // The file's text:
 // - FF FE starts UTF-16LE, FE FF UTF-16BE, EF BB BF UTF-8; anything else is
@@ -30,9 +29,8 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <unordered_map>
-#include <vector>
 
+#include "platform/constants.h"
 #include "platform/wstring.h"
 
 namespace qv::platform::profile {
@@ -43,59 +41,16 @@ namespace qv::platform::profile {
 std::uint32_t ReadProfileString(std::string_view fileBytes, WStringView section, WStringView key,
                                 WStringView defaultValue, WString& value, std::uint32_t size);
 
-// A file's sections and keys, decoded once, for a file that is asked many
-// questions. Names are kept folded; each section holds the first line of
-// each of its keys.
-struct ProfileIndex {
-  struct Entry {
-    bool hasValue = false;  // false for a line without "="
-    WString value;
-  };
-  using Section = std::unordered_map<WString, Entry>;
-  std::vector<Section> sections;  // [0] holds the lines before any header
-  std::unordered_map<WString, std::size_t> named;  // first section of a name
-};
-
-ProfileIndex IndexProfile(std::string_view fileBytes);
-
-// ReadProfileString answered from the index: the same answers.
-std::uint32_t ReadProfileString(const ProfileIndex& index, WStringView section, WStringView key,
-                                WStringView defaultValue, WString& value, std::uint32_t size);
-
 // The answer when the file exists but cannot be opened, or its folder is
 // missing: the default value without its trailing spaces, quotes kept.
 std::uint32_t UnreadableProfileDefault(WStringView defaultValue, WString& value, std::uint32_t size);
 
-// What tells one version of a file on disk from another: its name, the
-// volume and file id, size and modification time as the backend reads them.
-struct FileVersion {
-  std::string name;
-  std::uint64_t volume = 0;
-  std::uint64_t file = 0;
-  std::uint64_t size = 0;
-  std::uint64_t modified = 0;
-  bool operator==(const FileVersion&) const = default;
-};
-
-// The last profile file read, kept while the same file stays unchanged, so
-// that reading many keys reads the file once and a rewritten file reads new.
-// A file of up to 4 MiB is indexed; a larger one is searched line by line for
-// each question, which keeps memory to the file's size.
-class CachedProfile {
- public:
-  bool Holds(const FileVersion& version) const { return valid_ && version_ == version; }
-  void Store(const FileVersion& version, std::string bytes);
-  void Clear();
-  // ReadProfileString over the kept file.
-  std::uint32_t Answer(WStringView section, WStringView key, WStringView defaultValue, WString& value,
-                       std::uint32_t size) const;
-
- private:
-  bool valid_ = false;
-  FileVersion version_;
-  bool indexed_ = false;
-  ProfileIndex index_;  // when indexed
-  std::string bytes_;   // otherwise
-};
+// The largest profile file the backends read, in bytes: the saved inventory
+// at its largest, 128 records of two paths of 32,767 characters in UTF-16,
+// each line with its key, "=" and CR LF (16 characters at most), and the
+// header. A larger file is not read at all: the call answers as for a file
+// that cannot be read (last error 223), which the inventory reader refuses as
+// malformed, rather than spend a run reading gigabytes.
+inline constexpr std::uint64_t kLargestProfileFile = 2 * (32 + 128 * 2 * ((kLongPathBuffer - 1) + 16));
 
 }  // namespace qv::platform::profile

@@ -103,6 +103,26 @@ WString AsciiToWide(std::string_view text) {
   return out;
 }
 
+std::string Utf16LeBytes(WStringView text) {
+  std::string bytes;
+  bytes.reserve(text.size() * 2);
+  for (const WChar unit : text) {
+    bytes.push_back(static_cast<char>(unit & 0xFF));
+    bytes.push_back(static_cast<char>(unit >> 8));
+  }
+  return bytes;
+}
+
+WString Utf16LeText(const std::uint8_t* bytes, std::size_t size) {
+  WString text;
+  for (std::size_t i = 0; i < size; i += 2) {
+    const WChar unit = static_cast<WChar>(bytes[i] | ((i + 1 < size ? bytes[i + 1] : 0) << 8));
+    if (unit == 0) break;
+    text.push_back(unit);
+  }
+  return text;
+}
+
 WString DecimalText(std::uint64_t value) {
   WString out;
   do {

@@ -23,6 +23,17 @@ std::string WideToUtf8(WStringView text);
 // Plain ASCII text to a wide string (for literals built at run time).
 WString AsciiToWide(std::string_view text);
 
+// The code units as little-endian bytes, two each, with no terminator; and
+// back, up to the first NUL unit, a missing last byte read as zero.
+std::string Utf16LeBytes(WStringView text);
+WString Utf16LeText(const std::uint8_t* bytes, std::size_t size);
+
+// A to Z and a to z: the letters of a drive, and the only ones that fold in
+// the tool's own comparisons.
+constexpr bool IsAsciiLetter(WChar c) { return (c >= u'A' && c <= u'Z') || (c >= u'a' && c <= u'z'); }
+// A to Z turned to a to z, every other code unit unchanged.
+constexpr WChar AsciiLower(WChar c) { return c >= u'A' && c <= u'Z' ? static_cast<WChar>(c + (u'a' - u'A')) : c; }
+
 // Decimal text of an unsigned number, as "%lu"/"%llu" would write it.
 WString DecimalText(std::uint64_t value);
 // Decimal text of a signed 32-bit value, with a leading "-" when negative.

@@ -1,5 +1,6 @@
 // The failure path of the transaction. It trusts the two flags of each record
 // alone, never the disk, and deletes nothing.
+#include "driver/exit_codes.h"
 #include "paths/guarded_files.h"
 #include "paths/path_rules.h"
 #include "platform/platform.h"
@@ -19,7 +20,7 @@ int RollBack(const std::string& failureText, const ProfileChangeList& changes) {
   }
   platform::WriteStderrNarrow(restored ? "Installed profiles restored.\n"
                                        : "ROLLBACK INCOMPLETE; inspect recovery directories.\n");
-  return 6;
+  return kExitTransactionFailed;
 }
 
 }  // namespace qv

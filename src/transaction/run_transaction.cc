@@ -2,6 +2,7 @@
 // for every failure from the first check on.
 #include <exception>
 
+#include "driver/exit_codes.h"
 #include "transaction/transaction_steps.h"
 
 namespace qv {
@@ -23,7 +24,7 @@ int RunTransactionWithId(const WString& packageRoot, const WString& localAppData
     // share this base and its narrow text.
     return RollBack(failure.what(), changes);
   }
-  return 0;
+  return kExitSuccess;
 }
 
 int RunTransaction(const WString& packageRoot, const WString& localAppData,

@@ -8,7 +8,8 @@
 namespace qv {
 namespace {
 
-constexpr std::uint32_t kBufferCharacters = 32768;
+// A registry value's buffer: a path of 32,767 characters and its terminator.
+constexpr std::uint32_t kValueBufferBytes = 2 * platform::kLongPathBuffer;
 
 const char16_t* SuffixFor(int csidl) {
   return csidl == platform::kCsidlLocalAppData ? u"\\AppData\\Local" : u"\\AppData\\Roaming";
@@ -52,6 +53,25 @@ platform::Handle ShellToken() {
 
 }  // namespace
 
+WString ReadRegistryPathValue(platform::RegKey key, const WString& valueName) {
+  // The call fills only the `size` bytes it reports; the text is read from
+  // those as from a zero-filled buffer, a missing last byte or terminator
+  // being zero. Not filling 64 KB with zeros for each of thousands of values
+  // keeps the scan of a large Uninstall key fast.
+  std::unique_ptr<std::uint8_t[]> buffer(new std::uint8_t[kValueBufferBytes]);
+  std::uint32_t type = 0;
+  std::uint32_t size = kValueBufferBytes;
+  if (platform::RegQueryValueExW(key, valueName, type, buffer.get(), size) != 0) return {};
+  if (type != platform::kRegSz && type != platform::kRegExpandSz) return {};
+  if (size >= kValueBufferBytes) return {};
+  const WString text = Utf16LeText(buffer.get(), size);
+  if (type == platform::kRegSz) return text;
+  WString expanded;
+  const std::uint32_t needed = platform::ExpandEnvironmentStringsW(text, expanded, platform::kLongPathBuffer);
+  if (needed == 0 || needed >= platform::kLongPathBuffer) return {};
+  return expanded;
+}
+
 WString GetProfileRoot() {
   const WString sidText = OwnSidText();
   if (sidText.empty()) return {};
@@ -62,27 +82,7 @@ WString GetProfileRoot() {
     *handle.out() = 0;
     return {};
   }
-  // The call fills only the `size` bytes it reports: the text is read from
-  // those as from a zero-filled buffer, a missing last byte or terminator
-  // being zero.
-  std::unique_ptr<std::uint8_t[]> buffer(new std::uint8_t[kBufferCharacters * 2]);
-  std::uint32_t type = 0;
-  std::uint32_t size = 65536;
-  const std::int32_t result = platform::RegQueryValueExW(handle.get(), u"ProfileImagePath", type, buffer.get(), size);
-  if (result != 0 || (type != platform::kRegSz && type != platform::kRegExpandSz)) return {};
-  WString value;
-  for (std::size_t i = 0; i < size && i < kBufferCharacters * 2; i += 2) {
-    const std::uint8_t high = i + 1 < size ? buffer[i + 1] : 0;
-    const WChar c = static_cast<WChar>(buffer[i] | (high << 8));
-    if (c == 0) break;
-    value.push_back(c);
-  }
-  if (value.empty()) return {};
-  if (type == platform::kRegSz) return value;
-  WString expanded;
-  const std::uint32_t needed = platform::ExpandEnvironmentStringsW(value, expanded, kBufferCharacters);
-  if (needed == 0 || needed >= kBufferCharacters) return {};
-  return expanded;
+  return ReadRegistryPathValue(handle.get(), u"ProfileImagePath");
 }
 
 WString GetUserFolder(int csidl) {

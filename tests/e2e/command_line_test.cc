@@ -1,5 +1,7 @@
 // The command line, its messages and exit codes, driven through the built
 // binary on a machine without Fusion.
+#include <filesystem>
+
 #include "support/scene.h"
 
 namespace qv::test {
@@ -33,6 +35,16 @@ TEST_P(CommandLine, ActionsAndOptions) {
   const std::string roaming = m.Win(m.C("Roaming")), local = m.Win(m.C("Local"));
   const std::string missing = "Missing option value.\n", unknown = "Unknown option.\n";
   const std::string both = "Both isolated test folders are required.\n";
+  // Inventories one byte larger than the writer makes them, refused unread,
+  // on a short path and on one past MAX_PATH (where the Windows build reads
+  // the file itself).
+  std::string big = "Big";
+  for (const std::string element : {"", "/a", "/b", "/c", "/d", "/e", "/f"}) {
+    big += element.empty() ? "" : element + std::string(39, element[1]);
+    WriteFile(m.C(big + "/Quorvane/Installation.ini"), InventoryText({"[Fusion]", "Count=0"}));
+    std::filesystem::resize_file(m.C(big + "/Quorvane/Installation.ini"), kLargestInventoryBytes + 1);
+  }
+  const std::string invalid = "Invalid saved Fusion installation list.\n";
   ExpectRows(m, {
                     {{}, 2, "", "Usage: Quorvane_Setup.exe /install|/update|/uninstall|/status\n"},
                     {{"/STATUS"}, 1, kEmptyReport, ""},
@@ -62,6 +74,8 @@ TEST_P(CommandLine, ActionsAndOptions) {
                     {{"/Status", "/Test-AppData", roaming, "/TEST-LOCALAPPDATA", local}, 1, kEmptyReport, ""},
                     {{"/install", "/test-appdata", "a", "/test-appdata", roaming, "/test-localappdata", local}, 5, "",
                      kNotDetected},
+                    {{"/status", "/test-appdata", roaming, "/test-localappdata", m.Win(m.C("Big"))}, 5, "", invalid},
+                    {{"/status", "/test-appdata", roaming, "/test-localappdata", m.Win(m.C(big))}, 5, "", invalid},
                 });
   if (tool().native()) {
     // Host paths and their Windows forms name the same folders; without a

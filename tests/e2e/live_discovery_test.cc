@@ -52,6 +52,16 @@ TEST_P(LiveDiscovery, RunningProcessesOfThisSessionAndAccount) {
             "Quorvane v" QUORVANE_VERSION "\nAutodesk Fusion installations: 1\nPath: C:\\Portable\\bin\\Fusion360.exe\n"
             "Version: \nAdd-In path: C:\\Portable\\PortableData\\Roaming\\Autodesk\\Autodesk Fusion 360\\API\\"
             "AddIns\\KELDARO_Quorvane\nAdd-In: Not installed or incomplete\nFusion running: Yes\n");
+  // With the launcher alone left, Fusion still runs: the report says so and
+  // an uninstall asks for a restart.
+  for (int pid = 100; pid < 104; ++pid) std::filesystem::remove_all(m.prefix.procRoot + "/" + std::to_string(pid));
+  for (const auto& [action, code, out] : std::vector<std::tuple<std::string, int, std::string>>{
+           {"/status", 1, "Quorvane v0.1.8\nAutodesk Fusion installations: 0\nFusion running: Yes\n"},
+           {"/uninstall", 0,
+            "Quorvane uninstalled. Settings and ODB++ outputs preserved.\n"
+            "Restart Autodesk Fusion to complete removal.\n"}}) {
+    EXPECT_EQ(Ended(m.Run({action})), std::make_tuple(code, out, "")) << action;
+  }
 }
 
 // A failure of the process listing or of the inventory stops discovery, and

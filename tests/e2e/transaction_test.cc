@@ -96,6 +96,15 @@ TEST_P(Transaction, TwoProfilesAreUndoneInReverseOrderWhereverTheRunStops) {
   const auto firstCopyOfB = std::ranges::find_if(
       calls, [&](const LoggedCall& c) { return c.operation == "CopyFileW" && c.arguments.starts_with(b); });
   ASSERT_NE(firstCopyOfB, calls.end());
+  // The inventory's temporary file is flushed right before it takes the
+  // inventory's name: the last write before that rename.
+  const auto inventoryRename = std::ranges::find_if(calls, [](const LoggedCall& c) {
+    return c.operation == "MoveFileExW" && c.arguments.ends_with("\\Quorvane\\Installation.ini");
+  });
+  const auto lastWrite = std::find_if(std::make_reverse_iterator(inventoryRename), calls.rend(),
+                                      [](const LoggedCall& c) { return IsWriteOperation(c.operation); });
+  ASSERT_TRUE(inventoryRename != calls.end() && lastWrite != calls.rend());
+  ASSERT_EQ(lastWrite->operation, "FlushFileBuffers");
   struct Row {
     std::string faults;
     std::string failure;  // empty: the rename of the swap's step `rename` (1 to 4)
@@ -107,6 +116,7 @@ TEST_P(Transaction, TwoProfilesAreUndoneInReverseOrderWhereverTheRunStops) {
   };
   std::vector<Row> rows = {{"CopyFileW@1=5", "Cannot stage existing profile.", 0, "b-"},
                            {FaultAt(*firstCopyOfB, "5"), "Cannot stage existing profile.", 0, "cb"},
+                           {FaultAt(*lastWrite, "5"), kCannotSave, 0, "cc"},
                            {"MoveFileExW@5=5", kCannotSave, 0, "cc"},
                            // No fault: Installation.ini made read-only, which
                            // Windows refuses to replace.

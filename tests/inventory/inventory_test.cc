@@ -50,6 +50,7 @@ TEST_F(InventoryTest, ReaderRefusesWhatItCannotTrustAndKeepsWhatCameBefore) {
     WString error;       // empty: success
     std::size_t loaded;  // records appended, on failure too
     WString last = {};   // the last one as "executable|appData", when given
+    std::uintmax_t size = 0;  // the file's size, zero bytes added, when given
   };
   std::vector<Row> rows = {
       {{"[Other]", "Count=1", f, "AppData0=C:\\P"}, kInvalid, 0},
@@ -60,6 +61,8 @@ TEST_F(InventoryTest, ReaderRefusesWhatItCannotTrustAndKeepsWhatCameBefore) {
       {{"[Fusion]", "Count=0", "Executable0=relative", "AppData0="}, u"", 0},
       {Entries("128", 128), u"", 128, u"C:\\F127\\Fusion360.exe|C:\\P127"}, {Entries("1", 3), u"", 1},
       {Entries("2", 1), kIncomplete, 1}, {{"[Fusion]", "Count=1", f}, kIncomplete, 0},
+      {Entries("1", 1), u"", 1, u"", kLargestInventoryBytes},
+      {Entries("1", 1), kInvalid, 0, u"", kLargestInventoryBytes + 1},
       {{"[Fusion]", "Count=1", "Executable0=Fusion360.exe", "AppData0=C:\\P"}, kIncomplete, 0},
       {{"[Fusion]", "Count=1", "Executable0=\\\\server\\share\\Fusion360.exe", "AppData0=C:\\P"}, kIncomplete, 0},
       {{"[Fusion]", "Count=1", f, "AppData0=\\Users\\x"}, kIncomplete, 0},
@@ -75,6 +78,7 @@ TEST_F(InventoryTest, ReaderRefusesWhatItCannotTrustAndKeepsWhatCameBefore) {
   for (const Row& row : rows) {
     SCOPED_TRACE(::testing::PrintToString(row.lines).substr(0, 200));
     WriteFile(File(), InventoryText(row.lines));
+    if (row.size != 0) std::filesystem::resize_file(File(), row.size);
     EXPECT_EQ(Load(), row.error.empty());
     EXPECT_EQ(error_, row.error);
     EXPECT_EQ(loaded_.size(), row.loaded);

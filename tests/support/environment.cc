@@ -17,6 +17,8 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "platform/wstring.h"
+
 extern char** environ;
 
 namespace qv::test {
@@ -126,11 +128,8 @@ bool Exists(const std::string& path) {
 }
 
 std::vector<std::uint8_t> Utf16LeBytes(const std::u16string& text, bool terminate) {
-  std::vector<std::uint8_t> bytes;
-  for (char16_t c : text)
-    bytes.insert(bytes.end(), {static_cast<std::uint8_t>(c & 0xFF), static_cast<std::uint8_t>(c >> 8)});
-  if (terminate) bytes.insert(bytes.end(), {0, 0});
-  return bytes;
+  const std::string bytes = qv::Utf16LeBytes(terminate ? text + u'\0' : text);
+  return {bytes.begin(), bytes.end()};
 }
 
 Background Spawn(const std::string& program, const std::vector<std::string>& args, const EnvChanges& env) {

@@ -78,6 +78,10 @@ FixturePrefix MakeFixturePrefix(const std::string& folder, bool profileList = tr
 // mark, every line ended by CR LF; lines given in UTF-8. InventoryBytes
 // writes the file for (executable, appData) records, Windows paths as given.
 std::string InventoryText(const std::vector<std::string>& lines);
+// The largest inventory the writer can make: 128 records of two paths of
+// 32,767 characters, at most 16 characters of key, "=" and line end each,
+// and the header, in UTF-16. A larger file is refused unread.
+inline constexpr std::uintmax_t kLargestInventoryBytes = 2 * (32 + 128 * 2 * (32767 + 16));
 std::string InventoryBytes(const std::vector<std::pair<std::string, std::string>>& records);
 // Records as (executable, appData) pairs, for comparisons that print.
 using RecordPairs = std::vector<std::pair<WString, WString>>;

@@ -3,13 +3,12 @@
 #include <pwd.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <string>
 
 #include "platform/fault_injection.h"
 #include "platform/platform.h"
-#include "platform/posix/name_order.h"
+#include "platform/posix/host_case.h"
 
 extern char** environ;
 
@@ -24,12 +23,7 @@ std::string LinuxUserName() {
   return "user";
 }
 
-bool SameName(std::string_view a, WStringView b) {
-  const WString wide = Utf8ToWide(a);
-  return wide.size() == b.size() && std::equal(wide.begin(), wide.end(), b.begin(), [](char16_t x, char16_t y) {
-           return posix::UpcaseCodeUnit(x) == posix::UpcaseCodeUnit(y);
-         });
-}
+bool SameName(std::string_view a, WStringView b) { return posix::SameNameIgnoringCase(Utf8ToWide(a), b); }
 
 // What a fresh Wine prefix puts in a program's environment that a Linux
 // shell does not have.

@@ -1,8 +1,5 @@
 // Last error, error texts and the Windows codes of errno values on the Linux
-// host, and the end of its process.
-#include <signal.h>
-#include <unistd.h>
-
+// host.
 #include <cerrno>
 
 #include "platform/platform.h"
@@ -58,11 +55,6 @@ std::string SystemErrorText(std::uint32_t code) {
 }
 
 std::string NarrowPathText(const WString& path) { return WideToUtf8(path); }
-
-void TerminateNow() {
-  ::kill(::getpid(), SIGKILL);
-  ::_exit(137);
-}
 
 namespace posix {
 

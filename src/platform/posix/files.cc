@@ -17,9 +17,9 @@
 #include "platform/fault_injection.h"
 #include "platform/platform.h"
 #include "platform/posix/errors.h"
-#include "platform/posix/handles.h"
+#include "platform/posix/host_case.h"
+#include "platform/posix/host_handles.h"
 #include "platform/posix/host_paths.h"
-#include "platform/posix/name_order.h"
 
 namespace qv::platform {
 namespace {
@@ -27,11 +27,6 @@ namespace {
 using posix::CodeForPath;
 using posix::ErrnoToWinError;
 using posix::Fail;
-
-constexpr std::uint32_t kGenericRead = 0x80000000u;
-constexpr std::uint32_t kOpenExisting = 3;
-constexpr std::uint32_t kOpenAlways = 4;
-constexpr std::uint32_t kTruncateExisting = 5;
 
 struct OpenFile {
   int fd = -1;
@@ -129,28 +124,6 @@ bool CopyFileBytes(const std::string& from, const std::string& to, std::uint32_t
   return ok;
 }
 
-// A move to another file system: the file (or link, as a link) is copied
-// to a name of its own first, so that a copy that fails leaves the target
-// as it was, then renamed over it; the source goes last.
-bool MoveAcross(const std::string& source, const struct stat& st, const std::string& target) {
-  const std::string staging = target + ".qv-move-" + std::to_string(::getpid());
-  std::uint32_t error = 0;
-  std::error_code linkError;
-  if (S_ISLNK(st.st_mode)) std::filesystem::copy_symlink(source, staging, linkError);
-  if (linkError) error = ErrnoToWinError(linkError.value());
-  bool copied = S_ISLNK(st.st_mode) ? !linkError : CopyFileBytes(source, staging, error);
-  if (copied && ::rename(staging.c_str(), target.c_str()) != 0) {
-    error = ErrnoToWinError(errno);
-    copied = false;
-  }
-  if (!copied) {
-    ::unlink(staging.c_str());
-    return Fail(error);
-  }
-  ::unlink(source.c_str());
-  return true;
-}
-
 }  // namespace
 
 std::uint32_t GetFileAttributesW(const WString& path) {
@@ -225,13 +198,9 @@ bool MoveFileExW(const WString& from, const WString& to, std::uint32_t flags) {
     const int err = errno;
     if (err == ENOENT) return Fail(kErrorPathNotFound);
     if (err == ENOTDIR || err == EISDIR || err == ENOTEMPTY || err == EEXIST) return Fail(kErrorAccessDenied);
-    if (err != EXDEV) return Fail(ErrnoToWinError(err));
-    // Windows moves no folder to another volume, whatever the flags; a file
-    // it copies there and deletes when allowed to.
-    struct stat followed;
-    const bool folder = ::stat(source.c_str(), &followed) == 0 && S_ISDIR(followed.st_mode);
-    if ((flags & kMoveFileCopyAllowed) == 0 || folder) return Fail(kErrorNotSameDevice);
-    if (!MoveAcross(source, sourceStat, target)) return false;
+    // Another file system is another volume (EXDEV: 17), to which Windows
+    // moves no folder; the tool moves files only within their folder.
+    return Fail(ErrnoToWinError(err));
   }
   if ((flags & kMoveFileWriteThrough) != 0) {
     SyncFolderOf(target);
@@ -270,31 +239,22 @@ bool DeleteFileW(const WString& path) {
   return true;
 }
 
-Handle CreateFileW(const WString& path, std::uint32_t desiredAccess, std::uint32_t /*shareMode*/,
+// The tool opens files only to write them whole: a new one (CREATE_NEW) or
+// one made anew (CREATE_ALWAYS).
+Handle CreateFileW(const WString& path, std::uint32_t /*desiredAccess*/, std::uint32_t /*shareMode*/,
                    std::uint32_t creationDisposition, std::uint32_t /*flagsAndAttributes*/) {
   QV_FAULT_POINT("CreateFileW", return kInvalidHandle, path);
   std::string host;
   if (!Resolve(path, host)) return kInvalidHandle;
-  const bool read = (desiredAccess & kGenericRead) != 0;
-  const bool write = (desiredAccess & kGenericWrite) != 0;
-  int flags = O_CLOEXEC | (read && write ? O_RDWR : write ? O_WRONLY : O_RDONLY);
-  switch (creationDisposition) {
-    case kCreateNew: flags |= O_CREAT | O_EXCL; break;
-    case kCreateAlways: flags |= O_CREAT | O_TRUNC; break;
-    case kOpenExisting: break;
-    case kOpenAlways: flags |= O_CREAT; break;
-    case kTruncateExisting: flags |= O_TRUNC; break;
-    default: return Fail(kErrorInvalidParameter), kInvalidHandle;
-  }
-  // A folder is never opened so; a read-only file is not opened for writing
-  // nor cut short (CREATE_NEW finds it there first).
+  const bool createNew = creationDisposition == kCreateNew;
+  if (!createNew && creationDisposition != kCreateAlways) return Fail(kErrorInvalidParameter), kInvalidHandle;
+  // A folder is never opened so; a read-only file is not cut short
+  // (CREATE_NEW finds it there first).
   struct stat st;
-  const bool truncating = creationDisposition == kCreateAlways || creationDisposition == kTruncateExisting;
-  if (::stat(host.c_str(), &st) == 0 &&
-      (S_ISDIR(st.st_mode) || (creationDisposition != kCreateNew && IsReadOnlyFile(st) && (write || truncating)))) {
+  if (::stat(host.c_str(), &st) == 0 && (S_ISDIR(st.st_mode) || (!createNew && IsReadOnlyFile(st)))) {
     return Fail(kErrorAccessDenied), kInvalidHandle;
   }
-  const int fd = ::open(host.c_str(), flags, 0666);
+  const int fd = ::open(host.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | (createNew ? O_EXCL : O_TRUNC), 0666);
   if (fd < 0) return Fail(errno == EEXIST ? kErrorFileExists : CodeForPath(errno, host)), kInvalidHandle;
   auto file = std::make_shared<OpenFile>();
   file->fd = fd;
@@ -319,6 +279,13 @@ bool FlushFileBuffers(Handle file) {
   return true;
 }
 
+bool CloseHandle(Handle handle) {
+  QV_FAULT_POINT("CloseHandle", return false);
+  // The own process's pseudo-handle needs no closing.
+  if (handle == posix::kCurrentProcessHandle) return true;
+  return posix::ReleaseHandle(handle) || Fail(kErrorInvalidHandle);
+}
+
 // Lists a whole folder ("folder\*"), or finds one name in it without regard
 // to case: the tool asks nothing else, and other wildcards match no name.
 Handle FindFirstFileW(const WString& pattern, FindData& data) {
@@ -340,7 +307,7 @@ Handle FindFirstFileW(const WString& pattern, FindData& data) {
   while (const dirent* entry = ::readdir(dir)) {
     const WString name = Utf8ToWide(entry->d_name);
     if (name == u"." || name == u"..") continue;
-    if (mask == u"*" || posix::UpcaseName(name) == posix::UpcaseName(mask)) names.emplace_back(name, entry->d_name);
+    if (mask == u"*" || posix::SameNameIgnoringCase(name, mask)) names.emplace_back(name, entry->d_name);
   }
   ::closedir(dir);
   std::sort(names.begin(), names.end(),

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -11,13 +12,10 @@
 #include "platform/constants.h"
 #include "platform/posix/errors.h"
 #include "platform/posix/host_roots.h"
-#include "platform/posix/name_order.h"
+#include "platform/posix/host_case.h"
 
 namespace qv::platform::posix {
 namespace {
-
-bool IsDriveLetter(WChar c) { return (c >= u'A' && c <= u'Z') || (c >= u'a' && c <= u'z'); }
-WChar UpperLetter(WChar c) { return (c >= u'a' && c <= u'z') ? static_cast<WChar>(c - 32) : c; }
 
 // The non-empty elements of a Windows path, with "." and ".." resolved.
 std::vector<WString> Elements(const WString& path) {
@@ -52,9 +50,9 @@ std::string WorkingDirectory() {
 // The host folder a drive letter maps to, or empty when the prefix does not
 // map it. Z: is "/" unless the prefix maps it elsewhere.
 std::string DriveTarget(WChar letter) {
-  if (!IsDriveLetter(letter)) return "";
+  if (!IsAsciiLetter(letter)) return "";
   const std::string devices = PrefixDirectory() + "/dosdevices";
-  const char lower = static_cast<char>(UpperLetter(letter) - u'A' + 'a');
+  const char lower = static_cast<char>(AsciiLower(letter));
   const std::string entry = devices + "/" + lower + ":";
   const std::string unmapped = lower == 'z' ? "/" : "";
   std::error_code error;
@@ -85,7 +83,7 @@ bool FindIgnoringCase(const std::string& folder, const WString& name, std::strin
   std::error_code error;
   for (std::filesystem::directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) {
     found = it->path().filename().string();
-    if (UpcaseName(Utf8ToWide(found)) == UpcaseName(name)) return true;
+    if (SameNameIgnoringCase(Utf8ToWide(found), name)) return true;
   }
   return false;
 }
@@ -120,7 +118,9 @@ bool FullPathName(const WString& name, WString& full, std::uint32_t& error) {
   for (WChar& c : path) {
     if (c == u'/') c = u'\\';
   }
-  // A root, and the rest resolved element by element below it.
+  // A root as GetFullPathNameW reads one (a device prefix, a server and
+  // share, any character and a colon), and the rest resolved element by
+  // element below it.
   WString root;
   WString rest;
   if (path.starts_with(u"\\\\?\\") || path.starts_with(u"\\\\.\\")) {
@@ -142,7 +142,7 @@ bool FullPathName(const WString& name, WString& full, std::uint32_t& error) {
     // drive, "\rest" to the current drive's root.
     const WString cwd = CurrentDirectory();
     const bool driveRelative = path.size() >= 2 && path[1] == u':';
-    if (driveRelative && UpperLetter(cwd[0]) != UpperLetter(path[0])) {
+    if (driveRelative && AsciiLower(cwd[0]) != AsciiLower(path[0])) {
       root = WString{path[0], u':', u'\\'};
       rest = path.substr(2);
     } else {
@@ -169,7 +169,7 @@ bool FullPathName(const WString& name, WString& full, std::uint32_t& error) {
 bool ToHostPath(const WString& windowsPath, std::string& hostPath, std::uint32_t& error, std::size_t* depth) {
   WString full;
   if (!FullPathName(windowsPath, full, error)) return false;
-  if (full.size() < 3 || full[1] != u':' || !IsDriveLetter(full[0])) {
+  if (full.size() < 3 || full[1] != u':' || !IsAsciiLetter(full[0])) {
     error = kErrorBadNetPath;
     return false;
   }
@@ -236,10 +236,29 @@ std::uint32_t CodeForPath(int err, const std::string& hostPath) {
   return ::stat(folder.c_str(), &st) == 0 && S_ISDIR(st.st_mode) ? kErrorFileNotFound : kErrorPathNotFound;
 }
 
-int OpenForReading(const std::string& hostPath, std::uint32_t& error) {
+bool ReadFileBytes(const std::string& hostPath, std::string& bytes, std::uint32_t& error, std::uint64_t limit) {
   const int fd = ::open(hostPath.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) error = CodeForPath(errno, hostPath);
-  return fd;
+  if (fd < 0) {
+    error = CodeForPath(errno, hostPath);
+    return false;
+  }
+  struct stat st {};
+  error = ::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)     ? kErrorAccessDenied
+          : static_cast<std::uint64_t>(st.st_size) > limit ? kErrorFileTooLarge
+                                                            : 0;
+  bytes.clear();
+  char chunk[1 << 16];
+  // The kernel's own files report size 0: read to the end, or past the
+  // limit of a file that grows meanwhile.
+  while (error == 0) {
+    const ssize_t n = ::read(fd, chunk, sizeof chunk);
+    if (n == 0) break;
+    if (n > 0) bytes.append(chunk, static_cast<std::size_t>(n));
+    if (n < 0 && errno != EINTR) error = kErrorReadFault;
+    if (bytes.size() > limit) error = kErrorFileTooLarge;
+  }
+  ::close(fd);
+  return error == 0;
 }
 
 }  // namespace qv::platform::posix

@@ -1,5 +1,6 @@
-// Windows paths on the Linux host: GetFullPathNameW's normalisation, and the
-// prefix's drive map that turns a Windows path into a host path and back.
+// Windows paths on the Linux host: GetFullPathNameW's normalisation, the
+// prefix's drive map that turns a Windows path into a host path and back, and
+// the reading of a whole host file.
 #pragma once
 
 #include <cstddef>
@@ -37,7 +38,12 @@ bool ToWindowsPath(const std::string& hostPath, WString& windowsPath);
 // it does not, as Windows tells them apart.
 std::uint32_t CodeForPath(int err, const std::string& hostPath);
 
-// Opens a host file for reading; -1 with the Windows code when it cannot.
-int OpenForReading(const std::string& hostPath, std::uint32_t& error);
+// The whole content of a host file (registry files, profile files, version
+// resources, the process table's files). False with the Windows error code:
+// 2 for a missing file, 3 for a missing folder on the way, 5 for a folder or
+// anything else that is no plain file, 223 for a file larger than `limit`
+// bytes, which is not read.
+bool ReadFileBytes(const std::string& hostPath, std::string& bytes, std::uint32_t& error,
+                   std::uint64_t limit = UINT64_MAX);
 
 }  // namespace qv::platform::posix

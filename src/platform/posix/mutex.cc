@@ -29,7 +29,7 @@
 #include "platform/fault_injection.h"
 #include "platform/platform.h"
 #include "platform/posix/errors.h"
-#include "platform/posix/handles.h"
+#include "platform/posix/host_handles.h"
 #include "platform/posix/host_roots.h"
 #include "platform/posix/processes.h"
 

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <string_view>
 #include <vector>
@@ -15,7 +14,7 @@
 #include "platform/fault_injection.h"
 #include "platform/platform.h"
 #include "platform/posix/errors.h"
-#include "platform/posix/handles.h"
+#include "platform/posix/host_handles.h"
 #include "platform/posix/host_paths.h"
 #include "platform/posix/host_roots.h"
 
@@ -58,13 +57,10 @@ std::string ProcessFolder(std::uint32_t processId) {
   return ProcRoot() + "/" + std::to_string(processId);
 }
 
-// A whole file (the kernel's files report size 0, so this reads to the
-// end). False with errno set when it cannot be opened.
-bool ReadWholeFile(const std::string& path, std::string& bytes) {
-  std::ifstream file(path, std::ios::binary);
-  if (!file) return false;
-  bytes.assign(std::istreambuf_iterator<char>(file), {});
-  return !file.bad();
+// A whole file of the process table; false when it cannot be read.
+bool ReadProcFile(const std::string& path, std::string& bytes) {
+  std::uint32_t error = 0;
+  return ReadFileBytes(path, bytes, error);
 }
 
 // "X:\\..." or "X:/...", the form Wine gives argv[0] of a Windows program, or
@@ -72,9 +68,7 @@ bool ReadWholeFile(const std::string& path, std::string& bytes) {
 bool IsAbsoluteWindowsPath(std::string_view text) {
   if (text.size() < 3) return false;
   if (text[0] == '\\' && text[1] == '\\') return text[2] != '\\' && text[2] != '/';
-  const char letter = text[0];
-  const bool isLetter = (letter >= 'A' && letter <= 'Z') || (letter >= 'a' && letter <= 'z');
-  return isLetter && text[1] == ':' && (text[2] == '\\' || text[2] == '/');
+  return IsAsciiLetter(static_cast<unsigned char>(text[0])) && text[1] == ':' && (text[2] == '\\' || text[2] == '/');
 }
 
 // Reads the files of a process for OpenProcess. False with a Windows error:
@@ -88,7 +82,7 @@ bool LoadOpenedProcess(std::uint32_t processId, OpenedProcess& process, std::uin
   }
   std::string cmdline;
   std::string status;
-  if (!ReadWholeFile(folder + "/cmdline", cmdline) || !ReadWholeFile(folder + "/status", status) ||
+  if (!ReadProcFile(folder + "/cmdline", cmdline) || !ReadProcFile(folder + "/status", status) ||
       !ParseRealUid(status, process.uid)) {
     // The entry may have gone between the looks: a process that no longer
     // exists, as Windows reports it.
@@ -126,7 +120,7 @@ std::vector<std::uint32_t> ProcessIds(DIR* table) {
 bool ExeFileName(std::uint32_t id, WString& name) {
   const std::string folder = ProcRoot() + "/" + std::to_string(id);
   std::string text;
-  if (ReadWholeFile(folder + "/cmdline", text)) {
+  if (ReadProcFile(folder + "/cmdline", text)) {
     const std::string first = text.substr(0, text.find('\0'));
     const std::string last = first.substr(first.find_last_of("\\/") + 1);
     if (IsAbsoluteWindowsPath(first) && !last.empty()) {
@@ -134,7 +128,7 @@ bool ExeFileName(std::uint32_t id, WString& name) {
       return true;
     }
   }
-  if (!ReadWholeFile(folder + "/comm", text)) return false;
+  if (!ReadProcFile(folder + "/comm", text)) return false;
   if (!text.empty() && text.back() == '\n') text.pop_back();
   name = Utf8ToWide(text);
   return true;
@@ -154,13 +148,13 @@ bool NextEntry(Handle snapshot, ProcessEntry& entry, bool first) {
 bool ReadSessionId(std::uint32_t processId, std::uint32_t& session, std::uint32_t& error) {
   const std::string folder = ProcessFolder(processId);
   std::string text;
-  if (!ReadWholeFile(folder + "/sessionid", text)) {
-    const int err = errno;
-    if (err == ENOENT && FolderExists(folder)) {
+  if (!ReadFileBytes(folder + "/sessionid", text, error)) {
+    if (error == kErrorFileNotFound) {
       session = 0;  // a kernel without audit sessions: every process is in session 0
       return true;
     }
-    error = err == ENOENT || err == ENOTDIR ? kErrorInvalidParameter : kErrorAccessDenied;
+    // The process has gone (its folder with it), or the file cannot be read.
+    error = error == kErrorPathNotFound ? kErrorInvalidParameter : kErrorAccessDenied;
     return false;
   }
   error = kErrorAccessDenied;

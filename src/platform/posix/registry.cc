@@ -16,10 +16,10 @@
 
 #include "platform/fault_injection.h"
 #include "platform/platform.h"
-#include "platform/posix/file_bytes.h"
-#include "platform/posix/handles.h"
+#include "platform/posix/host_case.h"
+#include "platform/posix/host_handles.h"
+#include "platform/posix/host_paths.h"
 #include "platform/posix/host_roots.h"
-#include "platform/posix/name_order.h"
 #include "platform/posix/registry.h"
 #include "platform/posix/wine_registry.h"
 
@@ -62,11 +62,7 @@ std::int32_t Fail(std::uint32_t error) {
   return static_cast<std::int32_t>(error);
 }
 
-bool SameName(WStringView a, WStringView b) {
-  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char16_t x, char16_t y) {
-           return posix::UpcaseCodeUnit(x) == posix::UpcaseCodeUnit(y);
-         });
-}
+constexpr auto SameName = posix::SameNameIgnoringCase;
 
 // Appends the components of a key path: one trailing backslash is allowed,
 // an empty component elsewhere is not; `skipEmpty` drops them all instead.
@@ -98,12 +94,9 @@ OpenKey* KeyOf(RegKey handle, OpenKey& root) {
 bool FollowLink(const posix::WineRegistryKey& link, std::vector<WString> rest, OpenKey& key) {
   const posix::WineRegistryValue* value = posix::FindWineRegistryValue(link, u"SymbolicLinkValue");
   if (value == nullptr || value->type != kRegLink) return false;
-  WString target;
-  for (std::size_t i = 0; i + 1 < value->data.size(); i += 2) {
-    target.push_back(static_cast<char16_t>(value->data[i] | (value->data[i + 1] << 8)));
-  }
+  const WString target = Utf16LeText(value->data.data(), value->data.size());
   std::vector<WString> parts;
-  AppendComponents(target.substr(0, target.find(u'\0')), parts, true);
+  AppendComponents(target, parts, true);
   std::size_t skip = 3;
   if (parts.size() >= 2 && SameName(parts[0], u"Registry") && SameName(parts[1], u"Machine")) {
     key.hive = Hive::Machine;

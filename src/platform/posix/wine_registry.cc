@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <map>
 
-#include "platform/posix/name_order.h"
+#include "platform/posix/host_case.h"
 
 namespace qv::platform::posix {
 namespace {

@@ -90,6 +90,11 @@ bool GetFileAttributesExW(const WString& path, NodeType& type) {
   return true;
 }
 
+bool SetFileAttributesW(const WString& path, std::uint32_t attributes) {
+  QV_FAULT_POINT("SetFileAttributesW", return false, path);
+  return ::SetFileAttributesW(win32::FilePath(path), attributes) != 0;
+}
+
 bool CreateDirectoryW(const WString& path) {
   QV_FAULT_POINT("CreateDirectoryW", return false, path);
   return ::CreateDirectoryW(FilePath(path), nullptr) != 0;
@@ -184,7 +189,7 @@ std::uint32_t GetModuleFileNameW(WString& path, std::uint32_t capacity) {
       path.clear();
       return 0;
     }
-    if (n < buffer.size() || buffer.size() >= 32768) break;
+    if (n < buffer.size() || buffer.size() >= kLongPathBuffer) break;
     buffer.resize(buffer.size() * 2);
   }
   path = win32::PlainPath(win32::FromW(buffer.data(), std::min<std::size_t>(n, buffer.size() - 1)));

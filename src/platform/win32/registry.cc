@@ -1,4 +1,4 @@
-// Registry calls of the seam.
+// Registry calls of the seam in the Windows build.
 #include <windows.h>
 
 #include <vector>
@@ -40,14 +40,6 @@ std::int32_t RegQueryValueExW(RegKey key, const WString& valueName, std::uint32_
 std::int32_t RegCloseKey(RegKey key) {
   QV_FAULT_POINT_CODE("RegCloseKey", DecimalText(key));
   return ::RegCloseKey(win32::K(key));
-}
-
-std::uint32_t ExpandEnvironmentStringsW(const WString& source, WString& destination, std::uint32_t capacity) {
-  QV_FAULT_POINT("ExpandEnvironmentStringsW", return 0, source);
-  std::vector<wchar_t> buffer(capacity, L'\0');
-  DWORD n = ::ExpandEnvironmentStringsW(win32::W(source), buffer.data(), capacity);
-  if (n != 0 && n <= capacity) destination = win32::FromW(buffer.data());
-  return n;
 }
 
 }  // namespace qv::platform

@@ -1,6 +1,7 @@
 // File operations of the Linux host against real folders, links and a
 // prefix's drive map, which it looks names up in without regard to case, with
-// the answers Windows gives (also to root).
+// the answers Windows gives (also to root); and the version resources of
+// programs on it.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -8,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "driver/status_report.h"
 #include "platform/platform.h"
 #include "support/prefix.h"
 
@@ -29,6 +31,24 @@ bool Opens(const WString& path, std::uint32_t access, std::uint32_t disposition)
 // Whether GetFileAttributesW finds the entry.
 bool Found(const WString& path) { return GetFileAttributesW(path) != kInvalidFileAttributes; }
 
+// Whether the status report reads the program's version as `expected`; when
+// it reads none, false with the error of the call that failed.
+bool ReadsVersion(const WString& path, const char16_t* expected) {
+  const WString version = GetFileVersionText(path);
+  return !version.empty() && version == expected;
+}
+
+// A program of the fuzz corpus with 32-bit words replaced at these offsets,
+// and zero bytes added at its end.
+std::string CorpusProgram(const std::string& name, const std::vector<std::pair<std::size_t, std::uint32_t>>& words = {},
+                          std::size_t added = 0) {
+  std::string bytes = ReadFile(std::string(QUORVANE_SOURCE_DIR) + "/tests/fuzz/corpus/version_resource_fuzz/" + name);
+  for (const auto& [at, word] : words) {
+    for (int k = 0; k < 4; ++k) bytes[at + k] = static_cast<char>(word >> (8 * k));
+  }
+  return bytes + std::string(added, '\0');
+}
+
 // A call of `f` with these arguments, made when the row runs.
 template <typename F, typename... A>
 std::function<bool()> Call(F f, A... args) {
@@ -40,7 +60,18 @@ std::function<bool()> Call(F f, A... args) {
 // grants no write is read-only, also to root.
 TEST_F(HostFiles, MovesCopiesCreatesAndAttributesKeepWindowsOutcomes) {
   MakeDirs(Host("a/inner"));
-  for (const char* folder : {"Upper", "Äpfel", "ΒΗΤΑ", "ёлка"}) MakeDirs(Host(folder));
+  for (const char* folder : {"Upper", "Äpfel", "ΒΗΤΑ", "ёлка", "ґанок/її"}) MakeDirs(Host(folder));
+  // tiny_version_1_2_3_4.exe: its version resource's data entry gives the
+  // size at 0xE4C, its fixed record holds the version at 0xE88 and 0xE8C, and
+  // its last section, .rsrc, gives its size in the file at 0x260.
+  const std::string v = "v/";
+  WriteFile(Host(v + "1234.exe"), CorpusProgram("tiny_version_1_2_3_4.exe"));
+  WriteFile(Host(v + "65535.exe"), CorpusProgram("tiny_version_1_2_3_4.exe", {{0xE88, 0xFFFF0000}, {0xE8C, 0x7FFFF}}));
+  WriteFile(Host(v + "none.exe"), CorpusProgram("tiny_no_version.exe"));
+  // A resource of 64 KiB lies within the file, one byte more than any
+  // version resource can use.
+  WriteFile(Host(v + "huge.exe"), CorpusProgram("tiny_version_1_2_3_4.exe", {{0x260, 0x200 + 0x10000}, {0xE4C, 0x10000}},
+                                                0x10000));
   WriteFile(Host("f1"), "one");
   WriteFile(Host("f2"), "two");
   WriteFile(Host("src"), std::string(70000, 'g'));
@@ -63,6 +94,9 @@ TEST_F(HostFiles, MovesCopiesCreatesAndAttributesKeepWindowsOutcomes) {
       {"on a drive not mapped", Call(Found, u"D:\\x"), kErrorPathNotFound},
       {"names in another case, beyond ASCII too",
        [] { return Found(u"c:/UPPER") && Found(u"C:\\äPFEL") && Found(u"C:\\βητα") && Found(u"C:\\ЁЛКА"); }, 0},
+      // Ґ and Ї lie in runs of the case table where every other code unit is
+      // a capital.
+      {"Cyrillic names in another case, on the way too", Call(Found, u"C:\\ҐАНОК\\ЇЇ"), 0},
       {"made below a folder named in another case", Call(CreateDirectoryW, u"C:\\upper\\New"), 0},
       // A folder at the target, in any case, is never replaced.
       {"folder onto a folder, replacing", Call(MoveFileExW, u"C:\\a", u"C:\\upper", kMoveFileReplaceExisting),
@@ -90,6 +124,13 @@ TEST_F(HostFiles, MovesCopiesCreatesAndAttributesKeepWindowsOutcomes) {
       {"made plain, hidden asked for", Call(SetFileAttributesW, u"C:\\ro", kFileAttributeHidden), 0},
       {"attributes of a missing file", Call(SetFileAttributesW, u"C:\\absent", kFileAttributeNormal),
        kErrorFileNotFound},
+      {"version of a program", Call(ReadsVersion, u"C:\\V\\1234.EXE", u"1.2.3.4"), 0},
+      {"each field of the version its own", Call(ReadsVersion, u"C:\\v\\65535.exe", u"65535.0.7.65535"), 0},
+      {"version of a program without one", Call(ReadsVersion, u"C:\\v\\none.exe", u""), 1812},
+      {"version of a resource past 64 KiB", Call(ReadsVersion, u"C:\\v\\huge.exe", u""), 1812},
+      {"version of a missing file", Call(ReadsVersion, u"C:\\v\\absent.exe", u""), kErrorFileNotFound},
+      {"version below a missing folder", Call(ReadsVersion, u"C:\\absent\\x.exe", u""), kErrorPathNotFound},
+      {"version of a folder", Call(ReadsVersion, u"C:\\v", u""), kErrorAccessDenied},
   };
   for (const Row& row : rows) {
     SetLastError(0xFFFFFFFFu);  // a check that fails without an error shows as this

@@ -8,6 +8,7 @@
 #include "platform/platform.h"
 #include "platform/posix/wine_registry.h"
 #include "support/prefix.h"
+#include "user/user_folders.h"
 
 namespace qv::platform {
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/posix/name_order.h"
+#include "platform/posix/host_case.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -7,9 +7,9 @@
 namespace qv::platform::posix {
 namespace {
 
-// The upper-case mappings of the code units above ASCII, as Wine 8's case
-// table has them: runs from `first` to `last`, every `step`-th code unit,
-// each moved by `offset`. Some letters that Unicode upper-cases keep their
+// The upper-case mappings of the code units, as Wine 8's case table has
+// them: runs from `first` to `last`, every `step`-th code unit, each moved by
+// `offset`. Some letters that Unicode upper-cases keep their
 // case in it (dotless i, long s, micro sign).
 struct UpcaseRun {
   std::uint16_t first;
@@ -19,6 +19,7 @@ struct UpcaseRun {
 };
 
 constexpr UpcaseRun kUpcaseRuns[] = {
+    {0x0061, 0x007A, -32, 1},
     {0x00E0, 0x00F6, -32, 1}, {0x00F8, 0x00FE, -32, 1}, {0x00FF, 0x00FF, 121, 1}, {0x0101, 0x012F, -1, 2},
     {0x0133, 0x0137, -1, 2}, {0x013A, 0x0148, -1, 2}, {0x014B, 0x0177, -1, 2}, {0x017A, 0x017E, -1, 2},
     {0x0180, 0x0180, 195, 1}, {0x0183, 0x0185, -1, 2}, {0x0188, 0x0188, -1, 1}, {0x018C, 0x018C, -1, 1},
@@ -65,7 +66,6 @@ constexpr UpcaseRun kUpcaseRuns[] = {
 }  // namespace
 
 char16_t UpcaseCodeUnit(char16_t c) {
-  if (c < 0x80) return (c >= u'a' && c <= u'z') ? static_cast<char16_t>(c - 32) : c;
   const auto run = std::lower_bound(std::begin(kUpcaseRuns), std::end(kUpcaseRuns), c,
                                     [](const UpcaseRun& r, char16_t unit) { return r.last < unit; });
   if (run == std::end(kUpcaseRuns) || c < run->first || (c - run->first) % run->step != 0) return c;
@@ -75,6 +75,12 @@ char16_t UpcaseCodeUnit(char16_t c) {
 WString UpcaseName(WString name) {
   std::transform(name.begin(), name.end(), name.begin(), UpcaseCodeUnit);
   return name;
+}
+
+bool SameNameIgnoringCase(WStringView a, WStringView b) {
+  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char16_t x, char16_t y) {
+           return UpcaseCodeUnit(x) == UpcaseCodeUnit(y);
+         });
 }
 
 bool ListsBefore(const WString& a, const WString& b) {

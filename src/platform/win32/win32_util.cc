@@ -18,7 +18,8 @@ bool IsDevicePath(const std::wstring& path) {
 }
 
 // A drive path ("C:\x") or a network path ("\\server\share"): the current
-// directory plays no part in what it names.
+// directory plays no part in what it names. The roots as the extended-length
+// form needs them told apart, not as the tool's path rules define them.
 bool IsFullyQualified(const std::wstring& path) {
   if (path.size() >= 3 && path[1] == L':' && IsSeparator(path[2])) return true;
   return path.size() >= 2 && IsSeparator(path[0]) && IsSeparator(path[1]);

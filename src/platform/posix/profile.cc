@@ -4,7 +4,6 @@
 
 #include "platform/fault_injection.h"
 #include "platform/platform.h"
-#include "platform/posix/file_bytes.h"
 #include "platform/posix/host_paths.h"
 #include "platform/profile_reader.h"
 
@@ -17,7 +16,8 @@ std::uint32_t GetPrivateProfileStringW(const WString& section, const WString& ke
   std::string host;
   std::string bytes;
   std::uint32_t error = 0;
-  if (!posix::ToHostPath(path, host, error) || !posix::ReadFileBytes(host, bytes, error)) {
+  if (!posix::ToHostPath(path, host, error) ||
+      !posix::ReadFileBytes(host, bytes, error, profile::kLargestProfileFile)) {
     SetLastError(error);
     // A missing file reads as an empty one; any other failure gives the
     // default as written, quotes and all.

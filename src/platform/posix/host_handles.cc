@@ -1,9 +1,6 @@
-#include "platform/posix/handles.h"
+#include "platform/posix/host_handles.h"
 
 #include <map>
-
-#include "platform/fault_injection.h"
-#include "platform/posix/errors.h"
 
 namespace qv::platform::posix {
 namespace {
@@ -44,14 +41,3 @@ bool ReleaseHandleOfKind(Handle handle, HandleKind kind) {
 }
 
 }  // namespace qv::platform::posix
-
-namespace qv::platform {
-
-bool CloseHandle(Handle handle) {
-  QV_FAULT_POINT("CloseHandle", return false);
-  // The own process's pseudo-handle needs no closing.
-  if (handle == posix::kCurrentProcessHandle) return true;
-  return posix::ReleaseHandle(handle) || posix::Fail(kErrorInvalidHandle);
-}
-
-}  // namespace qv::platform

@@ -1,5 +1,5 @@
-// The version resource of a Windows executable, read from the PE file itself
-// on the Linux host: pure functions over the file's bytes.
+// The PE walk of the Linux host: the version resource of a Windows
+// executable, read from the file's bytes by pure functions.
 //
 // The walk: DOS header ("MZ", e_lfanew), "PE\0\0", the COFF header, the
 // optional header (PE32 or PE32+) and its resource data directory, the

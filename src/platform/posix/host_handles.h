@@ -1,5 +1,5 @@
 // The handle table of the Linux host: every Handle the seam gives out names
-// an object here, and CloseHandle (or FindClose) frees it.
+// an object here, and CloseHandle (or FindClose, RegCloseKey) frees it.
 #pragma once
 
 #include <memory>
