@@ -1,10 +1,12 @@
 // An update of 4 profiles, each holding an add-in of 2,000 files and 50 MB,
 // from a package of the same size, as users run it: Quorvane_Setup.exe under
-// wine64 beside Wine's xcopy making the same copies, and the native build
-// beside cp -a. All four work on the same trees, on the C: drive of a Wine
-// prefix, so they meet the same disk.
+// wine64 beside the floor (copy_floor.exe, the same copies with
+// FindFirstFileW, CreateDirectoryW and CopyFileW alone) and Wine's xcopy
+// making the same copies, and the native build beside cp -a. All work on the
+// same trees, on the C: drive of a Wine prefix, so they meet the same disk.
+// Without sizes it runs 2,000 files / 50 MB, then 300 files / 10 MB.
 //
-//   update_bench <wine prefix made by wineboot> [files] [megabytes]
+//   update_bench <wine prefix made by wineboot> [files megabytes]...
 //
 // The .exe is build/windows/Quorvane_Setup.exe of this tree.
 #include <unistd.h>
@@ -12,6 +14,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -29,7 +32,9 @@ namespace {
 const std::string kWine = "/usr/lib/wine/wine64";
 const std::string kServer = "/usr/lib/wine/wineserver";
 constexpr int kProfiles = 4;
-constexpr int kRounds = 3;
+constexpr int kRounds = 5;
+const std::string kExe = std::string(QUORVANE_SOURCE_DIR) + "/build/windows/Quorvane_Setup.exe";
+const std::string kFloor = QUORVANE_COPY_FLOOR;
 const std::string kAddInBelowProfile = "Autodesk/Autodesk Fusion 360/API/AddIns/KELDARO_Quorvane";
 
 // `files` more files of `bytes` bytes in all below `folder`, in folders of
@@ -60,10 +65,11 @@ std::string XcopyCopies(const std::string& addIn, const std::string& package, co
          package + "\\Bin " + target + "\\Bin >nul";
 }
 
-// The fastest of the rounds, failing the benchmark on a run that failed.
+// One contender's times over the rounds, failing the benchmark on a run
+// that failed.
 struct Contender {
   const char* name;
-  std::vector<double> ms;
+  std::vector<double> ms = {};
   long peakRssKb = 0;
   void Add(const ProcessFigures& f) {
     if (f.exitCode != 0) {
@@ -73,25 +79,18 @@ struct Contender {
     ms.push_back(f.wall.minMs);
     peakRssKb = std::max(peakRssKb, f.peakRssKb);
   }
-  double Best() const { return *std::min_element(ms.begin(), ms.end()); }
+  double Median() const {
+    std::vector<double> sorted = ms;
+    std::sort(sorted.begin(), sorted.end());
+    return sorted[sorted.size() / 2];
+  }
 };
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  if (argc < 2) {
-    std::fprintf(stderr, "usage: %s <wine prefix made by wineboot> [files] [megabytes]\n", argv[0]);
-    return 2;
-  }
-  const std::string prefix = argv[1];
-  const int files = argc > 2 ? std::atoi(argv[2]) : 2000;
-  const long long bytes = (argc > 3 ? std::atoll(argv[3]) : 50) * 1024 * 1024;
-  const std::string exe = std::string(QUORVANE_SOURCE_DIR) + "/build/windows/Quorvane_Setup.exe";
-  if (!t::Exists(exe) || !t::Exists(kWine)) {
-    std::fprintf(stderr, "needs %s and %s\n", exe.c_str(), kWine.c_str());
-    return 1;
-  }
-
+// The update at one size, every contender once per round, the first of each
+// round taking turns: a machine shared with other work slows all of them
+// alike, and the medians are compared.
+void RunSize(const std::string& prefix, int files, long long megabytes) {
+  const long long bytes = megabytes * 1024 * 1024;
   // The sandbox C:\quorvane-test-XXXXXX: a package, and four profiles each
   // named by a saved record of its own installation, every add-in (and the
   // package) of `files` files in all (the seven that make it complete among
@@ -113,50 +112,81 @@ int main(int argc, char** argv) {
   t::WriteFile(sandbox / "local/Quorvane/Installation.ini", t::InventoryBytes(records));
   t::MakeDirs(sandbox / "roaming");
   t::MakeDirs(sandbox / "proc");
+  t::MakeDirs(sandbox / "copies");
   const std::vector<std::string> update{"/update", "/test-appdata", win("roaming"), "/test-localappdata",
                                         win("local"),  "/package",      win("package")};
-
-  // One wineserver for every Wine run, its services started before timing.
   const std::map<std::string, std::string> wineEnv{{"WINEPREFIX", prefix}, {"WINEDEBUG", "-all"}};
-  TimeProcess(1, kServer, {"-p"}, wineEnv);
-  TimeProcess(1, kWine, {"cmd", "/c", "exit"}, wineEnv);
 
-  // Rounds of the four, in turn; an update of updated profiles does the same
-  // work again. Each timed run starts after a sync, and nothing is deleted
-  // before the end: on ext4 a mass deletion slows the creation of new files
-  // for a while, which would weigh on whichever run came next.
-  Contender cp{"cp -a", {}}, native{"native /update", {}}, xcopy{"xcopy under Wine", {}},
-      wine{".exe /update under Wine", {}};
+  // An update of updated profiles does the same work again. Each timed run
+  // starts after a sync, and nothing is deleted before the end: on ext4 a
+  // mass deletion slows the creation of new files for a while, which would
+  // weigh on whichever run came next.
+  Contender floor{"floor under Wine"}, xcopy{"xcopy under Wine"}, wine{".exe /update under Wine"}, cp{"cp -a"},
+      native{"native /update"};
   for (int round = 0; round < kRounds; ++round) {
     std::string cpScript = "true", xcopyScript = "ver >nul";
+    std::vector<std::string> floorArgs;
     for (int i = 0; i < kProfiles; ++i) {
       const std::string n = std::to_string(i), target = "copies/" + std::to_string(round) + "-" + n;
-      t::MakeDirs(sandbox / "copies");
-      cpScript += " && " + CpCopies(sandbox / ("profile" + n + "/" + kAddInBelowProfile), sandbox / "package",
-                                    sandbox / (target + "-cp"));
-      xcopyScript += " && " + XcopyCopies(win("profile" + n + "/" + kAddInBelowProfile), win("package"),
-                                          win(target + "-xcopy"));
+      const std::string addIn = "profile" + n + "/" + kAddInBelowProfile;
+      cpScript += " && " + CpCopies(sandbox / addIn, sandbox / "package", sandbox / (target + "-cp"));
+      xcopyScript += " && " + XcopyCopies(win(addIn), win("package"), win(target + "-xcopy"));
+      const std::string floorTarget = win(target + "-floor");
+      floorArgs.insert(floorArgs.end(), {win(addIn), floorTarget, win("package/AddIn"), floorTarget,
+                                         win("package/Bin"), floorTarget + "\\Bin"});
     }
-    ::sync();
-    cp.Add(TimeProcess(1, "/bin/sh", {"-c", cpScript}, {}));
-    ::sync();
-    native.Add(TimeProcess(1, QUORVANE_BINARY, update, {{"WINEPREFIX", prefix}, {"QUORVANE_PROC_ROOT", sandbox / "proc"}}));
-    ::sync();
-    xcopy.Add(TimeProcess(1, kWine, {"cmd", "/c", xcopyScript}, wineEnv));
-    ::sync();
-    std::vector<std::string> exeArgs{exe};
+    std::vector<std::string> exeArgs{kExe};
     exeArgs.insert(exeArgs.end(), update.begin(), update.end());
-    wine.Add(TimeProcess(1, kWine, exeArgs, wineEnv));
+    floorArgs.insert(floorArgs.begin(), kFloor);
+    const std::vector<std::function<void()>> runs = {
+        [&] { floor.Add(TimeProcess(1, kWine, floorArgs, wineEnv)); },
+        [&] { xcopy.Add(TimeProcess(1, kWine, {"cmd", "/c", xcopyScript}, wineEnv)); },
+        [&] { wine.Add(TimeProcess(1, kWine, exeArgs, wineEnv)); },
+        [&] { cp.Add(TimeProcess(1, "/bin/sh", {"-c", cpScript}, {})); },
+        [&] {
+          native.Add(TimeProcess(1, QUORVANE_BINARY, update,
+                                 {{"WINEPREFIX", prefix}, {"QUORVANE_PROC_ROOT", sandbox / "proc"}}));
+        },
+    };
+    for (std::size_t k = 0; k < runs.size(); ++k) {
+      ::sync();
+      runs[(round + k) % runs.size()]();
+    }
   }
-  TimeProcess(1, kServer, {"-k"}, wineEnv);
 
-  std::printf("update of %d profiles x %d files, %lld MB each; fastest of %d rounds\n", kProfiles, files,
-              bytes / (1024 * 1024), kRounds);
-  for (const Contender* c : {&xcopy, &wine, &cp, &native}) {
-    std::printf("  %-26s %10.1f ms   peak RSS %6.1f MB   rounds:", c->name, c->Best(), c->peakRssKb / 1024.0);
+  std::printf("update of %d profiles x %d files, %lld MB each; median of %d rounds\n", kProfiles, files, megabytes,
+              kRounds);
+  for (const Contender* c : {&floor, &xcopy, &wine, &cp, &native}) {
+    std::printf("  %-26s %10.1f ms   peak RSS %6.1f MB   rounds:", c->name, c->Median(), c->peakRssKb / 1024.0);
     for (double ms : c->ms) std::printf(" %.0f", ms);
     std::printf("\n");
   }
-  std::printf("  .exe / xcopy  %.2f\n  native / cp -a  %.2f\n", wine.Best() / xcopy.Best(), native.Best() / cp.Best());
+  std::printf("  .exe / floor  %.3f\n  .exe / xcopy  %.3f\n  native / cp -a  %.3f\n", wine.Median() / floor.Median(),
+              wine.Median() / xcopy.Median(), native.Median() / cp.Median());
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2 || argc % 2 != 0) {
+    std::fprintf(stderr, "usage: %s <wine prefix made by wineboot> [files megabytes]...\n", argv[0]);
+    return 2;
+  }
+  for (const std::string& needed : {kExe, kFloor, kWine}) {
+    if (!t::Exists(needed)) {
+      std::fprintf(stderr, "needs %s\n", needed.c_str());
+      return 1;
+    }
+  }
+  std::vector<std::pair<int, long long>> sizes;
+  for (int i = 2; i + 1 < argc; i += 2) sizes.emplace_back(std::atoi(argv[i]), std::atoll(argv[i + 1]));
+  if (sizes.empty()) sizes = {{2000, 50}, {300, 10}};
+
+  // One wineserver for every Wine run, its services started before timing.
+  const std::map<std::string, std::string> wineEnv{{"WINEPREFIX", argv[1]}, {"WINEDEBUG", "-all"}};
+  TimeProcess(1, kServer, {"-p"}, wineEnv);
+  TimeProcess(1, kWine, {"cmd", "/c", "exit"}, wineEnv);
+  for (const auto& [files, megabytes] : sizes) RunSize(argv[1], files, megabytes);
+  TimeProcess(1, kServer, {"-k"}, wineEnv);
   return 0;
 }
