@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <string>
@@ -59,10 +60,13 @@ std::string CpCopies(const std::string& addIn, const std::string& package, const
   return "cp -a '" + addIn + "' '" + target + "' && cp -a '" + package + "/AddIn/.' '" + target + "/' && cp -a '" +
          package + "/Bin' '" + target + "/'";
 }
+// Lines of a batch file. The add-in's path holds blanks ("Autodesk Fusion
+// 360"): every path is quoted, or xcopy takes its first word for the source.
 std::string XcopyCopies(const std::string& addIn, const std::string& package, const std::string& target) {
-  const std::string xcopy = "xcopy /E /I /Q /Y /H /K ";
-  return xcopy + addIn + " " + target + " >nul && " + xcopy + package + "\\AddIn " + target + " >nul && " + xcopy +
-         package + "\\Bin " + target + "\\Bin >nul";
+  const auto copy = [](const std::string& from, const std::string& to) {
+    return "xcopy /E /I /Q /Y /H /K \"" + from + "\" \"" + to + "\" >nul\r\nif errorlevel 1 exit /b 1\r\n";
+  };
+  return copy(addIn, target) + copy(package + "\\AddIn", target) + copy(package + "\\Bin", target + "\\Bin");
 }
 
 // One contender's times over the rounds, failing the benchmark on a run
@@ -117,40 +121,54 @@ void RunSize(const std::string& prefix, int files, long long megabytes) {
                                         win("local"),  "/package",      win("package")};
   const std::map<std::string, std::string> wineEnv{{"WINEPREFIX", prefix}, {"WINEDEBUG", "-all"}};
 
-  // An update of updated profiles does the same work again. Each timed run
+  // One update before the rounds, so that every round copies the same trees:
+  // an update of updated profiles does the same work again. Each timed run
   // starts after a sync, and nothing is deleted before the end: on ext4 a
   // mass deletion slows the creation of new files for a while, which would
   // weigh on whichever run came next.
   Contender floor{"floor under Wine"}, xcopy{"xcopy under Wine"}, wine{".exe /update under Wine"}, cp{"cp -a"},
       native{"native /update"};
+  const std::map<std::string, std::string> nativeEnv{{"WINEPREFIX", prefix}, {"QUORVANE_PROC_ROOT", sandbox / "proc"}};
+  native.Add(TimeProcess(1, QUORVANE_BINARY, update, nativeEnv));
+  native.ms.clear();
   for (int round = 0; round < kRounds; ++round) {
-    std::string cpScript = "true", xcopyScript = "ver >nul";
+    std::string cpScript = "true", xcopyScript = "@echo off\r\n";
     std::vector<std::string> floorArgs;
     for (int i = 0; i < kProfiles; ++i) {
       const std::string n = std::to_string(i), target = "copies/" + std::to_string(round) + "-" + n;
       const std::string addIn = "profile" + n + "/" + kAddInBelowProfile;
       cpScript += " && " + CpCopies(sandbox / addIn, sandbox / "package", sandbox / (target + "-cp"));
-      xcopyScript += " && " + XcopyCopies(win(addIn), win("package"), win(target + "-xcopy"));
+      xcopyScript += XcopyCopies(win(addIn), win("package"), win(target + "-xcopy"));
       const std::string floorTarget = win(target + "-floor");
       floorArgs.insert(floorArgs.end(), {win(addIn), floorTarget, win("package/AddIn"), floorTarget,
                                          win("package/Bin"), floorTarget + "\\Bin"});
     }
+    const std::string xcopyFile = "xcopy-" + std::to_string(round) + ".cmd";
+    t::WriteFile(sandbox / xcopyFile, xcopyScript);
     std::vector<std::string> exeArgs{kExe};
     exeArgs.insert(exeArgs.end(), update.begin(), update.end());
     floorArgs.insert(floorArgs.begin(), kFloor);
     const std::vector<std::function<void()>> runs = {
         [&] { floor.Add(TimeProcess(1, kWine, floorArgs, wineEnv)); },
-        [&] { xcopy.Add(TimeProcess(1, kWine, {"cmd", "/c", xcopyScript}, wineEnv)); },
+        [&] { xcopy.Add(TimeProcess(1, kWine, {"cmd", "/c", win(xcopyFile)}, wineEnv)); },
         [&] { wine.Add(TimeProcess(1, kWine, exeArgs, wineEnv)); },
         [&] { cp.Add(TimeProcess(1, "/bin/sh", {"-c", cpScript}, {})); },
-        [&] {
-          native.Add(TimeProcess(1, QUORVANE_BINARY, update,
-                                 {{"WINEPREFIX", prefix}, {"QUORVANE_PROC_ROOT", sandbox / "proc"}}));
-        },
+        [&] { native.Add(TimeProcess(1, QUORVANE_BINARY, update, nativeEnv)); },
     };
     for (std::size_t k = 0; k < runs.size(); ++k) {
       ::sync();
       runs[(round + k) % runs.size()]();
+    }
+  }
+
+  // A contender that copied less than the whole would look fast: every copy
+  // must hold the updated add-in's files (its install-state.ini among them).
+  for (const auto& copy : std::filesystem::directory_iterator(sandbox / "copies")) {
+    const auto all = std::filesystem::recursive_directory_iterator(copy.path());
+    const auto copied = std::count_if(begin(all), end(all), [](const auto& e) { return e.is_regular_file(); });
+    if (copied != files + 1) {
+      std::fprintf(stderr, "%s holds %ld files, not %d\n", copy.path().c_str(), static_cast<long>(copied), files + 1);
+      std::exit(1);
     }
   }
 
@@ -163,6 +181,7 @@ void RunSize(const std::string& prefix, int files, long long megabytes) {
   }
   std::printf("  .exe / floor  %.3f\n  .exe / xcopy  %.3f\n  native / cp -a  %.3f\n", wine.Median() / floor.Median(),
               wine.Median() / xcopy.Median(), native.Median() / cp.Median());
+  std::fflush(stdout);
 }
 
 }  // namespace
