@@ -8,7 +8,9 @@
 //
 //   update_bench <wine prefix made by wineboot> [files megabytes]...
 //
-// The .exe is build/windows/Quorvane_Setup.exe of this tree.
+// The .exe is build/windows/Quorvane_Setup.exe of this tree. With
+// QUORVANE_BENCH_BASELINE_EXE set to another build of it (an older
+// commit's), that one takes its turns as well.
 #include <unistd.h>
 
 #include <algorithm>
@@ -33,7 +35,7 @@ namespace {
 const std::string kWine = "/usr/lib/wine/wine64";
 const std::string kServer = "/usr/lib/wine/wineserver";
 constexpr int kProfiles = 4;
-constexpr int kRounds = 5;
+constexpr int kRounds = 7;
 const std::string kExe = std::string(QUORVANE_SOURCE_DIR) + "/build/windows/Quorvane_Setup.exe";
 const std::string kFloor = QUORVANE_COPY_FLOOR;
 const std::string kAddInBelowProfile = "Autodesk/Autodesk Fusion 360/API/AddIns/KELDARO_Quorvane";
@@ -93,7 +95,7 @@ struct Contender {
 // The update at one size, every contender once per round, the first of each
 // round taking turns: a machine shared with other work slows all of them
 // alike, and the medians are compared.
-void RunSize(const std::string& prefix, int files, long long megabytes) {
+void RunSize(const std::string& prefix, const std::string& baselineExe, int files, long long megabytes) {
   const long long bytes = megabytes * 1024 * 1024;
   // The sandbox C:\quorvane-test-XXXXXX: a package, and four profiles each
   // named by a saved record of its own installation, every add-in (and the
@@ -123,64 +125,77 @@ void RunSize(const std::string& prefix, int files, long long megabytes) {
 
   // One update before the rounds, so that every round copies the same trees:
   // an update of updated profiles does the same work again. Each timed run
-  // starts after a sync, and nothing is deleted before the end: on ext4 a
-  // mass deletion slows the creation of new files for a while, which would
-  // weigh on whichever run came next.
-  Contender floor{"floor under Wine"}, xcopy{"xcopy under Wine"}, wine{".exe /update under Wine"}, cp{"cp -a"},
-      native{"native /update"};
+  // starts after a sync. What a round made is counted, then deleted, so that
+  // a prefix in memory (/dev/shm) holds one round at a time; on ext4 a mass
+  // deletion slows the creation of new files for a while, which weighs on
+  // whichever run comes first in the next round, a different one each time.
+  Contender floor{"floor under Wine"}, xcopy{"xcopy under Wine"}, wine{".exe /update under Wine"},
+      baseline{"baseline .exe /update"}, cp{"cp -a"}, native{"native /update"};
   const std::map<std::string, std::string> nativeEnv{{"WINEPREFIX", prefix}, {"QUORVANE_PROC_ROOT", sandbox / "proc"}};
   native.Add(TimeProcess(1, QUORVANE_BINARY, update, nativeEnv));
   native.ms.clear();
+  const auto updateBy = [&](const std::string& exe) {
+    std::vector<std::string> args{exe};
+    args.insert(args.end(), update.begin(), update.end());
+    return TimeProcess(1, kWine, args, wineEnv);
+  };
   for (int round = 0; round < kRounds; ++round) {
     std::string cpScript = "true", xcopyScript = "@echo off\r\n";
-    std::vector<std::string> floorArgs;
+    std::vector<std::string> floorArgs{kFloor};
     for (int i = 0; i < kProfiles; ++i) {
-      const std::string n = std::to_string(i), target = "copies/" + std::to_string(round) + "-" + n;
-      const std::string addIn = "profile" + n + "/" + kAddInBelowProfile;
+      const std::string target = "copies/" + std::to_string(i);
+      const std::string addIn = "profile" + std::to_string(i) + "/" + kAddInBelowProfile;
       cpScript += " && " + CpCopies(sandbox / addIn, sandbox / "package", sandbox / (target + "-cp"));
       xcopyScript += XcopyCopies(win(addIn), win("package"), win(target + "-xcopy"));
       const std::string floorTarget = win(target + "-floor");
       floorArgs.insert(floorArgs.end(), {win(addIn), floorTarget, win("package/AddIn"), floorTarget,
                                          win("package/Bin"), floorTarget + "\\Bin"});
     }
-    const std::string xcopyFile = "xcopy-" + std::to_string(round) + ".cmd";
-    t::WriteFile(sandbox / xcopyFile, xcopyScript);
-    std::vector<std::string> exeArgs{kExe};
-    exeArgs.insert(exeArgs.end(), update.begin(), update.end());
-    floorArgs.insert(floorArgs.begin(), kFloor);
-    const std::vector<std::function<void()>> runs = {
+    t::WriteFile(sandbox / "xcopy.cmd", xcopyScript);
+    std::vector<std::function<void()>> runs = {
         [&] { floor.Add(TimeProcess(1, kWine, floorArgs, wineEnv)); },
-        [&] { xcopy.Add(TimeProcess(1, kWine, {"cmd", "/c", win(xcopyFile)}, wineEnv)); },
-        [&] { wine.Add(TimeProcess(1, kWine, exeArgs, wineEnv)); },
+        [&] { xcopy.Add(TimeProcess(1, kWine, {"cmd", "/c", win("xcopy.cmd")}, wineEnv)); },
+        [&] { wine.Add(updateBy(kExe)); },
         [&] { cp.Add(TimeProcess(1, "/bin/sh", {"-c", cpScript}, {})); },
         [&] { native.Add(TimeProcess(1, QUORVANE_BINARY, update, nativeEnv)); },
     };
+    if (!baselineExe.empty()) runs.push_back([&] { baseline.Add(updateBy(baselineExe)); });
     for (std::size_t k = 0; k < runs.size(); ++k) {
       ::sync();
       runs[(round + k) % runs.size()]();
     }
-  }
 
-  // A contender that copied less than the whole would look fast: every copy
-  // must hold the updated add-in's files (its install-state.ini among them).
-  for (const auto& copy : std::filesystem::directory_iterator(sandbox / "copies")) {
-    const auto all = std::filesystem::recursive_directory_iterator(copy.path());
-    const auto copied = std::count_if(begin(all), end(all), [](const auto& e) { return e.is_regular_file(); });
-    if (copied != files + 1) {
-      std::fprintf(stderr, "%s holds %ld files, not %d\n", copy.path().c_str(), static_cast<long>(copied), files + 1);
-      std::exit(1);
+    // A contender that copied less than the whole would look fast: every copy
+    // must hold the updated add-in's files (its install-state.ini among them).
+    for (const auto& copy : std::filesystem::directory_iterator(sandbox / "copies")) {
+      const auto all = std::filesystem::recursive_directory_iterator(copy.path());
+      const auto copied = std::count_if(begin(all), end(all), [](const auto& e) { return e.is_regular_file(); });
+      if (copied != files + 1) {
+        std::fprintf(stderr, "%s holds %ld files, not %d\n", copy.path().c_str(), static_cast<long>(copied), files + 1);
+        std::exit(1);
+      }
+      std::filesystem::remove_all(copy.path());
+    }
+    for (int i = 0; i < kProfiles; ++i) {
+      std::filesystem::remove_all(sandbox / ("profile" + std::to_string(i) + "/KELDARO/Quorvane/InstallBackups"));
     }
   }
 
   std::printf("update of %d profiles x %d files, %lld MB each; median of %d rounds\n", kProfiles, files, megabytes,
               kRounds);
-  for (const Contender* c : {&floor, &xcopy, &wine, &cp, &native}) {
+  for (const Contender* c : {&floor, &xcopy, &wine, &baseline, &cp, &native}) {
+    if (c->ms.empty()) continue;
     std::printf("  %-26s %10.1f ms   peak RSS %6.1f MB   rounds:", c->name, c->Median(), c->peakRssKb / 1024.0);
     for (double ms : c->ms) std::printf(" %.0f", ms);
     std::printf("\n");
   }
-  std::printf("  .exe / floor  %.3f\n  .exe / xcopy  %.3f\n  native / cp -a  %.3f\n", wine.Median() / floor.Median(),
-              wine.Median() / xcopy.Median(), native.Median() / cp.Median());
+  std::printf("  .exe / floor  %.3f\n  .exe / xcopy  %.3f\n", wine.Median() / floor.Median(),
+              wine.Median() / xcopy.Median());
+  if (!baseline.ms.empty()) {
+    std::printf("  baseline / floor  %.3f\n  baseline / xcopy  %.3f\n", baseline.Median() / floor.Median(),
+                baseline.Median() / xcopy.Median());
+  }
+  std::printf("  native / cp -a  %.3f\n", native.Median() / cp.Median());
   std::fflush(stdout);
 }
 
@@ -205,7 +220,9 @@ int main(int argc, char** argv) {
   const std::map<std::string, std::string> wineEnv{{"WINEPREFIX", argv[1]}, {"WINEDEBUG", "-all"}};
   TimeProcess(1, kServer, {"-p"}, wineEnv);
   TimeProcess(1, kWine, {"cmd", "/c", "exit"}, wineEnv);
-  for (const auto& [files, megabytes] : sizes) RunSize(argv[1], files, megabytes);
+  // Another build of the .exe (an older commit's) to set beside this one.
+  const char* baseline = std::getenv("QUORVANE_BENCH_BASELINE_EXE");
+  for (const auto& [files, megabytes] : sizes) RunSize(argv[1], baseline ? baseline : "", files, megabytes);
   TimeProcess(1, kServer, {"-k"}, wineEnv);
   return 0;
 }
