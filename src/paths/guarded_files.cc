@@ -18,6 +18,12 @@ bool IsReparsePoint(std::uint32_t attributes) {
   return attributes != platform::kInvalidFileAttributes && (attributes & platform::kFileAttributeReparsePoint) != 0;
 }
 
+// A folder of its own: a link or junction to one is not.
+bool IsPlainFolder(std::uint32_t attributes) {
+  return attributes != platform::kInvalidFileAttributes && (attributes & platform::kFileAttributeDirectory) != 0 &&
+         (attributes & platform::kFileAttributeReparsePoint) == 0;
+}
+
 }  // namespace
 
 bool IsMissingPathError(std::uint32_t code) {
@@ -62,12 +68,12 @@ bool IsSafeDirectoryTree(const WString& path) {
   if (QueryPathStatus(path).kind != PathKind::Directory) return false;
 
   // Every entry is tested before the walk may enter it, so the walk never
-  // reads through a link. Inside the tree an entry whose attributes cannot
-  // be read counts against it.
+  // reads through a link. The listing gives each entry's own attributes, as
+  // a query of the entry would, and a folder that cannot be listed ends the
+  // walk with its code, which counts against the tree.
   DirectoryWalk walk;
   for (bool on = OpenWalk(path, walk, error); on; on = AdvanceWalk(walk, error)) {
-    const std::uint32_t attributes = platform::GetFileAttributesW(walk.entry.path);
-    if (attributes == platform::kInvalidFileAttributes || IsReparsePoint(attributes)) {
+    if (IsReparsePoint(walk.entry.attributes)) {
       CloseWalk(walk);
       return false;
     }
@@ -94,18 +100,30 @@ bool IsRegularFile(const WString& path) {
   return status.kind == PathKind::RegularFile;
 }
 
+bool MakeDirectory(const WString& path, std::uint32_t& error) {
+  error = 0;
+  if (platform::CreateDirectoryW(path)) return true;
+  error = platform::GetLastError();
+  // Something already there will do only when it is a folder of its own: a
+  // link or junction in its place leads elsewhere, and stays an error.
+  if (error == platform::kErrorAlreadyExists && IsPlainFolder(platform::GetFileAttributesW(path))) error = 0;
+  return false;
+}
+
 bool CreateDirectories(const WString& path, std::uint32_t& error) {
   if (path.empty()) {
     error = platform::kErrorPathNotFound;
     return false;
   }
 
-  // A folder that is already there needs nothing made: one status query
-  // spares a call for every element of a deep path.
-  if (QueryPathStatus(path).kind == PathKind::Directory) {
+  // A folder that is already there needs nothing made, and one whose parent
+  // is there is made at once: either spares two calls for every element of
+  // a deep path. The walk below would come to the same end.
+  if (IsPlainFolder(platform::GetFileAttributesW(path))) {
     error = 0;
     return false;
   }
+  if (MakeDirectory(path, error)) return true;
 
   // Each prefix of the path that ends in an element is made in turn; the
   // root is not. Errors on the way do not stop the walk, since a prefix that
@@ -122,16 +140,8 @@ bool CreateDirectories(const WString& path, std::uint32_t& error) {
     std::size_t end = position;
     while (end < path.size() && !IsSeparator(path[end])) ++end;
 
-    const WString prefix = path.substr(0, end);
     std::uint32_t code = 0;
-    bool made = false;
-    if (platform::CreateDirectoryW(prefix)) {
-      made = true;
-    } else {
-      code = platform::GetLastError();
-      // Something already there is fine only when it is a directory.
-      if (code == platform::kErrorAlreadyExists && QueryPathStatus(prefix).kind == PathKind::Directory) code = 0;
-    }
+    const bool made = MakeDirectory(path.substr(0, end), code);
     if (code != 0 && !IsMissingPathError(code)) lastOtherError = code;
     lastElementError = code;
     lastElementMade = made;

@@ -31,9 +31,8 @@ bool IsMissingPathError(std::uint32_t code);
 bool HasNoReparsePoint(const WString& path);
 
 // True when HasNoReparsePoint holds and the path is either missing or a
-// directory in whose whole tree no entry is, or may be, a reparse point: an
-// entry whose attributes cannot be read, or a folder that cannot be listed,
-// counts against the tree. Never raises.
+// directory in whose whole tree no entry is, or may be, a reparse point: a
+// folder that cannot be listed counts against the tree. Never raises.
 bool IsSafeDirectoryTree(const WString& path);
 
 // Whether the path exists. An unknown status gives false and its code in
@@ -47,8 +46,15 @@ bool PathExists(const WString& path);
 // raises FilesystemFailure "status".
 bool IsRegularFile(const WString& path);
 
-// Makes the path and every missing directory above it, below its root.
-// `error` is 0 when the last element exists as a directory afterwards;
+// Makes one folder whose parent is there. True when this call made it;
+// `error` is 0 when the path is a folder afterwards, made or found there,
+// and otherwise the code of the call: 183 for anything else in its place,
+// a link or junction to a folder included.
+bool MakeDirectory(const WString& path, std::uint32_t& error);
+
+// Makes the path and every missing directory above it, below its root, each
+// element as MakeDirectory does. `error` is 0 when the last element is a
+// folder afterwards;
 // otherwise it is the last error on the way that is no missing-path code,
 // or failing that the last element's. An empty path gives error 3. True only
 // when this call made the last element.

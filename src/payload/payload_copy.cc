@@ -13,24 +13,32 @@ namespace {
 
 WString CodeText(std::uint32_t code) { return SignedDecimalText(static_cast<std::int32_t>(code)); }
 
-// Reproduces one entry of the source tree at `entryTarget`. Returns the code
-// of the operation that failed, 0 when the entry is done or passed over.
+// Reproduces one entry of the source tree at `entryTarget`, whose folder is
+// already laid down: the target itself, or a folder that the walk delivered,
+// and this copy made, before what it holds. Returns the code of the operation
+// that failed, 0 when the entry is done or passed over.
 std::uint32_t LayEntry(const WalkEntry& entry, const WString& entryTarget) {
-  // Links are followed here: a link to a folder gives a real, empty folder
-  // (the walk does not enter it), a link to a file gives a copy of the file,
-  // and a link that leads nowhere counts as a vanished entry.
-  const PathStatus status = QueryPathStatus(entry.path);
+  // The listing tells a folder from a file. Only a link (or, on the Linux
+  // host, a pipe, socket or device) needs its status: a link is followed
+  // here, so that a link to a folder gives a real, empty folder (the walk
+  // does not enter it), a link to a file gives a copy of the file, and a
+  // link that leads nowhere counts as a vanished entry, as does anything
+  // else that is neither.
+  PathKind kind =
+      (entry.attributes & platform::kFileAttributeDirectory) != 0 ? PathKind::Directory : PathKind::RegularFile;
+  if ((entry.attributes & (platform::kFileAttributeReparsePoint | platform::kFileAttributeDevice)) != 0) {
+    const PathStatus status = QueryPathStatus(entry.path);
+    if (status.kind == PathKind::Unknown) throw FilesystemFailure("directory_entry::status", status.error, entry.path);
+    kind = status.kind;
+  }
   std::uint32_t code = 0;
-  switch (status.kind) {
+  switch (kind) {
     case PathKind::Directory:
-      CreateDirectories(entryTarget, code);
+      MakeDirectory(entryTarget, code);
       return code;
     case PathKind::RegularFile:
-      CreateDirectories(PathParent(entryTarget), code);
-      if (code != 0) return code;
       return CopyFileIntoAddIn(entry.path, entryTarget);
     case PathKind::Unknown:
-      throw FilesystemFailure("directory_entry::status", status.error, entry.path);
     case PathKind::Missing:
     case PathKind::Other:
       break;

@@ -67,6 +67,8 @@ TEST_F(GuardedFilesTest, TheWalkAndTheReparseTestsStayOutOfLinksAndFoldersAreMad
       {u"Q:\\x\\y", false, platform::kErrorPathNotFound}, {Win("file.txt"), false, platform::kErrorAlreadyExists},
       // A file half way: the missing-path codes behind it do not hide its own.
       {Win("file.txt/x/y"), false, platform::kErrorAlreadyExists},
+      // A link to a folder where a folder is expected is no folder.
+      {Win("link"), false, platform::kErrorAlreadyExists},
   };
   for (const auto& row : createRows) {
     std::uint32_t error = 99;

@@ -4,6 +4,8 @@
 // add-ins hold what it must leave alone or write over.
 #include "payload/payload.h"
 
+#include <sys/stat.h>
+
 #include <filesystem>
 
 #include "support/scene.h"
@@ -42,6 +44,8 @@ TEST_F(PayloadTest, CopyLaysTheTreeOverTheTargetAndFollowsLinksWithoutEnteringTh
   MakeSymlink(Host("elsewhere/folder"), Host("src/toFolder"));
   MakeSymlink(Host("elsewhere/file.txt"), Host("src/toFile.txt"));
   MakeSymlink(Host("elsewhere/nothing"), Host("src/dangling"));
+  // A pipe is neither folder nor file: passed over, never opened.
+  ASSERT_EQ(::mkfifo(Host("src/pipe").c_str(), 0600), 0);
   WriteFile(Host("dst/a.py"), "old a, longer than the new one");
   WriteFile(Host("dst/keep.txt"), "kept");
   WriteFile(Host("dst/sub/c.py"), "old c");

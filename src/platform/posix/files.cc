@@ -53,7 +53,9 @@ bool IsReadOnlyFile(const struct stat& st) {
 
 // The attributes of a host entry, kInvalidFileAttributes with the last error
 // set when it is not there. A link is a reparse point, except the one at
-// depth 0 that maps a drive: that is the drive's root.
+// depth 0 that maps a drive: that is the drive's root. A pipe, socket or
+// device node is a device, which no folder listing on Windows shows: a copy
+// that took it for a file would wait on it for ever.
 std::uint32_t AttributesOf(const std::string& host, std::size_t depth) {
   struct stat st;
   if (::lstat(host.c_str(), &st) != 0) return Fail(CodeForPath(errno, host)), kInvalidFileAttributes;
@@ -65,7 +67,9 @@ std::uint32_t AttributesOf(const std::string& host, std::size_t depth) {
   }
   if (S_ISLNK(st.st_mode) && !live) return Fail(kErrorPathNotFound), kInvalidFileAttributes;
   if (S_ISLNK(st.st_mode)) st = target;
-  std::uint32_t attributes = S_ISDIR(st.st_mode) ? kFileAttributeDirectory : kFileAttributeArchive;
+  std::uint32_t attributes = S_ISDIR(st.st_mode)   ? kFileAttributeDirectory
+                             : S_ISREG(st.st_mode) ? kFileAttributeArchive
+                                                   : kFileAttributeDevice;
   if (IsReadOnlyFile(st)) attributes |= kFileAttributeReadonly;
   const std::string name = host.substr(host.find_last_of('/') + 1);
   if (name.starts_with('.') && name != "." && name != "..") attributes |= kFileAttributeHidden;
