@@ -84,17 +84,12 @@ TEST(KitRules, CommandLinesAccountsAndVersionsAreDecidedBeforeAnythingRuns) {
   }
 }
 
+// The status parse, the no-Fusion message and the Fusion-running flag are
+// read from the real setup program in the Wine scenario; here what it cannot
+// be driven into: lines past the bound, backups outside the profile's root,
+// text that is not UTF-8.
 TEST(KitRules, TheSetupProgramsOutputIsReadWithinBounds) {
   const std::string addIn = "C:\\U\\a & 100%!\\Autodesk\\Autodesk Fusion 360\\API\\AddIns\\KELDARO_Quorvane";
-  const StatusReport report = ParseStatusReport(
-      "Quorvane v0.1.8\r\nAutodesk Fusion installations: 1\r\nPath: C:\\F\\Fusion360.exe\r\nVersion: \r\n"
-      "Add-In path: " + addIn + "\r\nAdd-In: Healthy\r\nFusion running: Yes\r\n");
-  EXPECT_TRUE(report.valid);
-  EXPECT_TRUE(report.fusionRunning);
-  EXPECT_EQ(report.addIns, std::vector<std::string>{addIn});
-  EXPECT_FALSE(ParseStatusReport("Quorvane v0.1.8\nAutodesk Fusion installations: 2\nFusion running: No\n").valid);
-  const StatusReport none = ParseStatusReport("Quorvane v0.1.8\nAutodesk Fusion installations: 0\nFusion running: No\n");
-  EXPECT_TRUE(none.valid && none.installations == 0 && !none.fusionRunning);
   std::vector<std::string> lines;
   EXPECT_FALSE(SplitLines("a\n" + std::string(kMaxLine + 1, 'x'), lines));
   EXPECT_TRUE(SplitLines("a\r\n" + std::string(kMaxLine, 'x'), lines));
@@ -109,8 +104,6 @@ TEST(KitRules, TheSetupProgramsOutputIsReadWithinBounds) {
   EXPECT_EQ(changed[0].installBackups, backups);
   EXPECT_EQ(changed[0].transaction, "91-4");
 
-  EXPECT_TRUE(FoundNoFusion(5, "Autodesk Fusion was not detected. Start Fusion once, then retry.\r\n"));
-  EXPECT_FALSE(FoundNoFusion(5, "Cannot enumerate Fusion processes.\n"));
   EXPECT_TRUE(IsUtf8("Pr\xc3\xb3" "f\xc3\xadl \xce\x94"));
   for (const char* bad : {"\xf3" "f", "\xc0\xaf", "\xed\xa0\x80", "\xe0\x80\xaf", "\xf4\x90\x80\x80"}) {
     EXPECT_FALSE(IsUtf8(bad));

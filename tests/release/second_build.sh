@@ -9,12 +9,10 @@
 # certificate, the archive holds the signed programs, and removing a
 # signature gives back exactly the unsigned program. A build stops that
 # would sign without a time-stamp server and without the waiver, or whose
-# signer leaves a program unsigned or without a time stamp. Last, the signed
-# Quorvane_Setup.exe runs /status under Wine as the unsigned one does, in
-# WINE_PREFIX, started by STARTER (as_test_account.sh and its folder).
-#   second_build.sh SOURCE_DIR WORK_DIR ARCHIVE_NAME [WINE_PREFIX [STARTER...]]
+# signer leaves a program unsigned or without a time stamp.
+#   second_build.sh SOURCE_DIR WORK_DIR ARCHIVE_NAME
 set -euo pipefail
-source=$1 work=$2 name=$3 prefix=${4:-} starter=("${@:5}")
+source=$1 work=$2 name=$3
 first=$source/build/windows copy=$work/source second=$work/source/build/windows keys=$work/keys signed=$work/signed.exe
 [ -f "$first/$name.zip" ] || { echo "No $first/$name.zip: build the windows preset's package first"; exit 77; }
 fail() { echo "$*"; exit 1; }
@@ -79,15 +77,3 @@ refused 'does not accept the signature' "${waived[@]}" -DQUORVANE_SIGN_COMMAND=t
 refused 'carries no time stamp' -DQUORVANE_SIGN_TIMESTAMP_URL=http://127.0.0.1:9 -DQUORVANE_SIGN_CA_FILE="$keys/cert.pem" \
   -DQUORVANE_SIGN_COMMAND="$template"
 echo "Refused: signing without a time-stamp server, an unsigned program, a signature without a time stamp"
-unzip -p "$second/$name.zip" "$name/Quorvane_Setup.exe" >"$signed"
-
-[ -x /usr/lib/wine/wine64 ] && [ -f "$prefix/system.reg" ] || { echo "No Wine prefix: /status not run"; exit 77; }
-folders=$prefix/drive_c/signed-status run=0
-for exe in "$signed" "$first/Quorvane_Setup.exe"; do
-  run=$((run + 1))
-  "${starter[@]}" sh -c 'rm -rf "$0" && mkdir -p "$0/roaming" "$0/local"' "$folders"
-  "${starter[@]}" env WINEPREFIX="$prefix" WINEDEBUG=-all /usr/lib/wine/wine64 "$exe" /status \
-    /test-appdata 'C:\signed-status\roaming' /test-localappdata 'C:\signed-status\local' </dev/null \
-    >"$work/status$run" 2>&1 || echo "exit code $?" >>"$work/status$run"
-done
-[ -s "$work/status1" ] && cmp "$work/status1" "$work/status2" || fail "The signed .exe runs otherwise: $(cat "$work"/status*)"

@@ -20,11 +20,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// `text` as a regular expression that matches exactly it.
-std::string Literal(const std::string& text) {
-  return std::regex_replace(text, std::regex(R"([.^$|()\[\]{}*+?\\])"), R"(\$&)");
-}
-
 TEST_F(WinePrefix, DeploymentKitInstallsDetectsUpdatesAndUninstalls) {
   QV_SKIP_UNLESS(wine.missing.empty(), wine.missing);
   const std::string kit = fs::path(wine.binary).parent_path() / "Quorvane_Kit.exe";
@@ -189,7 +184,8 @@ TEST_F(WinePrefix, DeploymentKitInstallsDetectsUpdatesAndUninstalls) {
              MakePackage(oddPackage, "odd");
              oddId = stamp(oddPackage, "3.1"); },
        "", {"install", "/package", s.Win(oddPackage)}, &oddProfile, {}, 0,
-       "Profile: " + Literal(s.Win(odd)) + ".*\n" + any + "Recorded payload " + id + " version 3.1", 2},
+       "Profile: " + std::regex_replace(s.Win(odd), std::regex(R"([.^$|()\[\]{}*+?\\])"), R"(\$&)") + ".*\n" + any +
+           "Recorded payload " + id + " version 3.1", 2},
       {"a log past 1 MB is rotated",
        [&] { EXPECT_NE(detect(oddId, "3.1", oddProfile).find(installed(1)), std::string::npos);
              WriteFile(log, ReadFile(log) + std::string(1 << 20, '.') + "\r\n"); },
