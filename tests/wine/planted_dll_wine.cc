@@ -26,44 +26,33 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// A Downloads folder on C: (Wine marks the root of Z: as a reparse point),
-// where a stranger left the stand-in version.dll.
-struct Downloads {
-  explicit Downloads(const std::string& prefix)
-      : folder(prefix + "/drive_c"), windows("C:\\" + fs::path(folder.path()).filename().string()) {
-    fs::copy_file(QUORVANE_STAND_IN_VERSION_DLL, folder / "version.dll");
-  }
-  const TempDir folder;
-  const std::string windows;
-};
-
-TEST_F(WinePrefix, PlantedVersionDllIsNotLoaded) {
+TEST_F(WinePrefix, NothingBesideTheProgramRunsInItsPlace) {
   QV_SKIP_UNLESS(wine.missing.empty(), wine.missing);
-  QV_SKIP_UNLESS(Exists(QUORVANE_STAND_IN_VERSION_DLL), "MinGW-w64 is not installed");
-  const Downloads downloads(prefix);
-  const std::string build = downloads.folder / "local/Autodesk/webdeploy/production/b1";
+  QV_SKIP_UNLESS(Exists(QUORVANE_STARTUP_PROBE), "MinGW-w64 is not installed");
+  // A Downloads folder on C: (Wine marks the root of Z: as a reparse point),
+  // where a stranger left the stand-in version.dll.
+  const TempDir downloads(prefix + "/drive_c");
+  const std::string windows = "C:\\" + fs::path(downloads.path()).filename().string();
+  fs::copy_file(QUORVANE_STAND_IN_VERSION_DLL, downloads / "version.dll");
+  const EnvChanges override{{"WINEDLLOVERRIDES", "version=n,b"}};
+
+  const std::string build = downloads / "local/Autodesk/webdeploy/production/b1";
   MakeFusionInstallation(build);
   // The probe carries file version 1.2.3.4.
   fs::copy_file(QUORVANE_WINE_PROBE, build + "/Fusion360.exe", fs::copy_options::overwrite_existing);
-  fs::copy_file(wine.binary, downloads.folder / "Quorvane_Setup.exe");
-  const RunResult r = RunUnderWine(prefix,
-                                   {downloads.folder / "Quorvane_Setup.exe", "/status", "/test-appdata",
-                                    downloads.windows, "/test-localappdata", downloads.windows + "\\local"},
-                                   {{"WINEDLLOVERRIDES", "version=n,b"}});
-  EXPECT_NE(r.out.find("\nVersion: 1.2.3.4\n"), std::string::npos) << r.out << r.err;
-}
+  fs::copy_file(wine.binary, downloads / "Quorvane_Setup.exe");
+  const RunResult status = RunUnderWine(prefix,
+                                        {downloads / "Quorvane_Setup.exe", "/status", "/test-appdata", windows,
+                                         "/test-localappdata", windows + "\\local"},
+                                        override);
+  EXPECT_NE(status.out.find("\nVersion: 1.2.3.4\n"), std::string::npos) << status.out << status.err;
 
-TEST_F(WinePrefix, StartupRuntimeRunsBeforeTheProgram) {
-  QV_SKIP_UNLESS(wine.missing.empty(), wine.missing);
-  QV_SKIP_UNLESS(Exists(QUORVANE_STARTUP_PROBE), "MinGW-w64 is not installed");
-  const Downloads downloads(prefix);
-  const std::string& windows = downloads.windows;
-  fs::copy_file(QUORVANE_STARTUP_PROBE, downloads.folder / "startup_probe.exe");
+  fs::copy_file(QUORVANE_STARTUP_PROBE, downloads / "startup_probe.exe");
   // cmd gives the whole exit code where wine64 gives its low byte only.
-  WriteFile(downloads.folder / "run.cmd", "@cmd /d /c %*\r\n@echo exit=%ERRORLEVEL%\r\n");
+  WriteFile(downloads / "run.cmd", "@cmd /d /c %*\r\n@echo exit=%ERRORLEVEL%\r\n");
   const auto probe = [&](const std::string& mode) {
     return RunUnderWine(prefix, {"cmd", "/d", "/c", windows + "\\run.cmd", windows + "\\startup_probe.exe", mode},
-                        {{"WINEDLLOVERRIDES", "version=n,b"}});
+                        override);
   };
 
   std::set<std::string> guards;
