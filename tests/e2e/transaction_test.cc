@@ -4,12 +4,9 @@
 // fails. Then sweeps: the same run repeated with each of its platform calls
 // failing, or the process ending at its start, in turn; all profiles must
 // end old or all new, never a mix.
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <filesystem>
 #include <functional>
-#include <iostream>
 #include <set>
 
 #include "support/scene.h"
@@ -116,21 +113,13 @@ TEST_P(Transaction, TwoProfilesAreUndoneInReverseOrderWhereverTheRunStops) {
   };
   std::vector<Row> rows = {{"CopyFileW@1=5", "Cannot stage existing profile.", 0, "b-"},
                            {FaultAt(*firstCopyOfB, "5"), "Cannot stage existing profile.", 0, "cb"},
-                           {FaultAt(*lastWrite, "5"), kCannotSave, 0, "cc"},
-                           {"MoveFileExW@5=5", kCannotSave, 0, "cc"},
-                           // No fault: Installation.ini made read-only, which
-                           // Windows refuses to replace.
-                           {"", kCannotSave, 0, "cc"}};
+                           {FaultAt(*lastWrite, "5"), kCannotSave, 0, "cc"}};
   // The swap moves A's old add-in to before and A's prepared into its place,
   // then B's.
   for (int step = 1; step <= 4; ++step) rows.push_back({"MoveFileExW@" + std::to_string(step) + "=5", "", step, "cc"});
   for (const Row& row : rows) {
     SCOPED_TRACE(row.faults);
-    const bool readOnlyInventory = row.faults.empty();
-    // Wine 8 replaces a read-only file on a rename (see the README).
-    if (readOnlyInventory && !tool().native()) continue;
     ProfileScene s(tool(), 2);
-    if (readOnlyInventory) ::chmod(s.InventoryFile().c_str(), 0444);
     const Before before(s);
     const RunResult r = s.Tool("/install", {{"QUORVANE_FAULTS", row.faults}});
     const std::string id = ExpectRolledBack(s, before, r, 2);
@@ -151,7 +140,6 @@ TEST_P(Transaction, TwoProfilesAreUndoneInReverseOrderWhereverTheRunStops) {
     }
     EXPECT_EQ(r.err.substr(0, failure.size() + 1), failure + "\n");
     // A retry under a new transaction id starts clean and succeeds.
-    ::chmod(s.InventoryFile().c_str(), 0644);
     const Before retry(s);
     ExpectCompleted(s, retry, s.Tool("/install"), false);
   }
@@ -215,7 +203,7 @@ void ExpectRecoverableAfterCrash(const ProfileScene& s, const Before& before, co
                                                   : CrashState::Done);
     EXPECT_TRUE(states[i] == CrashState::Unchanged || backup == old) << i << ": the old add-in is lost";
     EXPECT_TRUE(states[i] != CrashState::Done || now == (uninstall ? TreeSnapshot() : UpdatedAddIn(old)))
-        << i << ": the add-in is neither old nor new\n" << DescribeTreeDifference(UpdatedAddIn(old), now);
+        << i << ": the add-in is neither old nor new";
     EXPECT_TRUE(i == 0 || (states[i] <= states[i - 1] &&
                            (states[i - 1] != CrashState::OldMovedAway || states[i] == CrashState::Unchanged)))
         << "profile " << i << " ran ahead";
@@ -289,8 +277,6 @@ class Sweep : public EndToEnd {
     for (std::size_t start = 0; start < grouped.size(); start += 32) {
       Fail({grouped.begin() + start, grouped.begin() + std::min(grouped.size(), start + 32)});
     }
-    std::cout << "[ sweep    ] " << tool().name << " " << action << (crash ? " crashes: " : " faults: ") << points_
-              << " calls in " << runs_ << " runs, " << stopped_ << " of them stopped the run\n";
     EXPECT_GT(stopped_, 0);
   }
 
@@ -304,7 +290,6 @@ class Sweep : public EndToEnd {
       faults += (faults.empty() ? "" : ",") + FaultAt(call, crash_ ? "crash" : full ? "112" : "5");
     }
     SCOPED_TRACE(action_ + " with " + faults + (group.size() == 1 ? " (" + group[0].arguments + ")" : ""));
-    ++runs_;
     ProfileScene s(tool());
     const Before before(s);
     // Leaks are looked for by the other tests; here the sanitizer's exit scan
@@ -322,13 +307,12 @@ class Sweep : public EndToEnd {
       Fail({group.begin() + group.size() / 2, group.end()});
       return;
     }
-    points_ += group.size();
     if (r.exitCode != 0) stopped_ += group.size();
   }
 
   std::string action_;
   bool crash_ = false;
-  std::size_t runs_ = 0, points_ = 0, stopped_ = 0;
+  std::size_t stopped_ = 0;
 };
 
 // An update makes about 470 writes, most of them folders on the way to a

@@ -62,7 +62,6 @@ TEST_F(InventoryTest, ReaderRefusesWhatItCannotTrustAndKeepsWhatCameBefore) {
       {Entries("128", 128), u"", 128, u"C:\\F127\\Fusion360.exe|C:\\P127"}, {Entries("1", 3), u"", 1},
       {Entries("2", 1), kIncomplete, 1}, {{"[Fusion]", "Count=1", f}, kIncomplete, 0},
       {Entries("1", 1), u"", 1, u"", kLargestInventoryBytes},
-      {Entries("1", 1), kInvalid, 0, u"", kLargestInventoryBytes + 1},
       {{"[Fusion]", "Count=1", "Executable0=Fusion360.exe", "AppData0=C:\\P"}, kIncomplete, 0},
       {{"[Fusion]", "Count=1", "Executable0=\\\\server\\share\\Fusion360.exe", "AppData0=C:\\P"}, kIncomplete, 0},
       {{"[Fusion]", "Count=1", f, "AppData0=\\Users\\x"}, kIncomplete, 0},

@@ -39,8 +39,6 @@ void MakeInstalledAddIn(const std::string& addInFolder, const std::string& tag =
 // an empty folder and a missing one differ: a missing root gives an empty map.
 using TreeSnapshot = std::map<std::string, std::string>;
 TreeSnapshot SnapshotTree(const std::string& root);
-// The entries that differ, one line each, for failure messages.
-std::string DescribeTreeDifference(const TreeSnapshot& expected, const TreeSnapshot& actual);
 // The add-in that a run builds from `old` and the package of MakePackage with
 // `tag`: the old tree, the package's files over it, and the state file.
 TreeSnapshot UpdatedAddIn(const TreeSnapshot& old, const std::string& tag = "new");
@@ -178,8 +176,9 @@ struct ProfileScene {
   std::string AddIns(std::size_t i) const { return profiles[i] + "/Autodesk/Autodesk Fusion 360/API/AddIns"; }
   std::string Backups(std::size_t i) const { return profiles[i] + "/KELDARO/Quorvane/InstallBackups"; }
   std::string InventoryFile() const { return local + "/Quorvane/Installation.ini"; }
-  // The inventory after a successful install: the installations of the run.
-  std::string InstalledInventory() const;
+  // The inventory after a successful install: the installations of the run
+  // from the `from`-th on.
+  std::string InstalledInventory(std::size_t from = 0) const;
   // The transaction directories below Backups(i), by name.
   std::vector<std::string> TransactionDirectories(std::size_t i) const;
 

@@ -29,9 +29,7 @@ TEST(TransactionLists, ProfilesAndSavedRecordsMatchInAsciiCaseOnlyAndKeepTheirFi
 using TransactionTest = PrefixCase;
 
 TEST_F(TransactionTest, ATransactionDirectoryLeftByARunOfTheSameIdIsRefused) {
-  for (const std::string profile : {"A", "B"}) {
-    MakeInstalledAddIn(Host(profile + "/Autodesk/Autodesk Fusion 360/API/AddIns/KELDARO_Quorvane"));
-  }
+  for (const std::string p : {"A", "B"}) MakeInstalledAddIn(Host(p + "/Autodesk/Autodesk Fusion 360/API/AddIns/KELDARO_Quorvane"));
   MakePackage(Host("Pkg"));
   MakeDirs(Host("B/KELDARO/Quorvane/InstallBackups/77-5"));
   const TreeSnapshot drive = SnapshotTree(Host(""));

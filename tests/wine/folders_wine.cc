@@ -4,7 +4,6 @@
 
 #include <sstream>
 
-#include "paths/guarded_files.h"
 #include "platform/platform.h"
 #include "platform/posix/host_paths.h"
 #include "platform/wstring.h"
@@ -79,15 +78,6 @@ TEST_F(WinePrefix, LinksAsWineAndWindowsShowThem) {
   const auto [wine, native] = ListBothWays(prefix, dir.path());
   EXPECT_EQ(text(wine), "file\nfile-link\nfolder\nfolder-link reparse\n");
   EXPECT_EQ(text(native), "dangling reparse\nfile\nfile-link reparse\nfolder\nfolder-link reparse\n");
-
-  // A folder link where a folder is to be made: both builds fail to make it
-  // with 183 and show the reparse attribute, so CreateDirectories refuses it.
-  WString folderLink;
-  ASSERT_TRUE(platform::posix::ToWindowsPath(dir / "folder-link", folderLink));
-  EXPECT_EQ(Wine({QUORVANE_WINE_PROBE, "mkdir", WideToUtf8(folderLink)}).out, "0 183\n");
-  std::uint32_t error = 0;
-  EXPECT_FALSE(CreateDirectories(folderLink, error));
-  EXPECT_EQ(error, platform::kErrorAlreadyExists);
 
   const RunResult root = Wine({QUORVANE_WINE_PROBE, "attributes", "Z:\\"});
   EXPECT_NE(std::stoul(root.out, nullptr, 16) & platform::kFileAttributeReparsePoint, 0u) << root.out;

@@ -28,22 +28,20 @@ TEST_F(WinePrefix, LiveDiscoveryGivesTheSameLinesInBothBuilds) {
   // first; its 64-bit view an install location with Fusion in bin. The
   // entries named by a letter give icons in each form a value may take, each
   // beside an installation in a folder of its own.
-  MakeFusionInstallation(c + "Program Files/QvLive/User");
+  for (const std::string folder : {"Program Files/QvLive/User", "QvLive/Machine/bin", "QvLive/Quoted/Fusion",
+                                   "QvLive/Bare/Fusion", "QvLive/Half/Fusion", "QvLive/Ignored/Fusion", "QvLive/Linked",
+                                   "QvLive/Portable/bin"}) {
+    MakeFusionInstallation(c + folder);
+  }
   for (const char* build : {"b7", "10", "9", "Zulu", "_under"}) {
     MakeFusionInstallation(c + "QvLive/webdeploy/production/" + build);
-  }
-  MakeFusionInstallation(c + "QvLive/Machine/bin");
-  for (const char* folder : {"Quoted", "Bare", "Half", "Ignored"}) {
-    MakeFusionInstallation(c + "QvLive/" + folder + "/Fusion");
   }
   // The account's webdeploy tree: builds, one behind a leading dot, a link
   // to a folder, which counts as one, and an installation in the scanned
   // folder itself, which does not.
   const std::string production = c + user + "Local/Autodesk/webdeploy/production";
   for (const char* build : {"x9", "X10", ".hidden", ""}) MakeFusionInstallation(production + "/" + build);
-  MakeFusionInstallation(c + "QvLive/Linked");
   MakeSymlink(c + "QvLive/Linked", production + "/linked");
-  MakeFusionInstallation(c + "QvLive/Portable/bin");
   MakeDirs(c + "QvLive/Portable/PortableData/Roaming/Autodesk/Autodesk Fusion 360/API");
   MakeDirs(c + "QvLive/Portable/PortableData/Local");
   MakeDirs(c + user + "Roaming/Autodesk/Autodesk Fusion 360/API");
@@ -54,33 +52,30 @@ TEST_F(WinePrefix, LiveDiscoveryGivesTheSameLinesInBothBuilds) {
 
   const std::string hkcu = "HKCU\\Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\QvLive";
   const std::string hklm = "HKLM\\Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\QvLive";
+  // Each entry: its key and view, then its values as name, type and data.
+  const std::string sz = "REG_SZ", expand = "REG_EXPAND_SZ", name = "DisplayName", icon = "DisplayIcon";
+  const std::string location = "InstallLocation";
   for (const auto& v : std::vector<std::vector<std::string>>{
-           {hkcu + "User", "DisplayName", "REG_SZ", "Autodesk Fusion", "/reg:64"},
-           {hkcu + "User", "InstallLocation", "REG_EXPAND_SZ", "%ProgramFiles%\\QvLive\\User", "/reg:64"},
-           {hklm + "32", "DisplayName", "REG_SZ", "AUTODESK FUSION 360", "/reg:32"},
-           {hklm + "32", "DisplayIcon", "REG_SZ", "\"C:\\QvLive\\webdeploy\\production\\b7\\x.ico\",0", "/reg:32"},
-           {hklm + "64", "DisplayName", "REG_EXPAND_SZ", "Autodesk Fusion", "/reg:64"},
-           {hklm + "64", "InstallLocation", "REG_EXPAND_SZ", "%SystemDrive%\\QvLive\\Machine\\", "/reg:64"},
+           {hkcu + "User", "/reg:64", name, sz, "Autodesk Fusion", location, expand, "%ProgramFiles%\\QvLive\\User"},
+           {hklm + "32", "/reg:32", name, sz, "AUTODESK FUSION 360", icon, sz,
+            "\"C:\\QvLive\\webdeploy\\production\\b7\\x.ico\",0"},
+           {hklm + "64", "/reg:64", name, expand, "Autodesk Fusion", location, expand, "%SystemDrive%\\QvLive\\Machine\\"},
            // The 32-bit view is scanned first: its spelling of an entry in
            // both views stays.
-           {hklm + "A", "DisplayName", "REG_SZ", "Autodesk Fusion", "/reg:32"},
-           {hklm + "A", "DisplayIcon", "REG_SZ", "C:\\QvLive\\QUOTED\\Fusion\\fusion.ico", "/reg:32"},
-           {hklm + "A", "DisplayName", "REG_SZ", "Autodesk Fusion", "/reg:64"},
-           {hklm + "A", "DisplayIcon", "REG_SZ", "\"C:\\QvLive\\Quoted\\Fusion\\fusion.ico\",0", "/reg:64"},
-           {hklm + "B", "DisplayName", "REG_SZ", "Autodesk Fusion 360", "/reg:64"},
-           {hklm + "B", "DisplayIcon", "REG_SZ", "C:\\QvLive\\Bare\\Fusion\\Fusion360.exe,3", "/reg:64"},
+           {hklm + "A", "/reg:32", name, sz, "Autodesk Fusion", icon, sz, "C:\\QvLive\\QUOTED\\Fusion\\fusion.ico"},
+           {hklm + "A", "/reg:64", name, sz, "Autodesk Fusion", icon, sz, "\"C:\\QvLive\\Quoted\\Fusion\\fusion.ico\",0"},
+           {hklm + "B", "/reg:64", name, sz, "Autodesk Fusion 360", icon, sz, "C:\\QvLive\\Bare\\Fusion\\Fusion360.exe,3"},
            // A quote that does not close gives no icon; the location is read
            // all the same. Names with anything around them, and bare file
            // names, lead nowhere.
-           {hklm + "E", "DisplayName", "REG_SZ", "Autodesk Fusion", "/reg:64"},
-           {hklm + "E", "DisplayIcon", "REG_SZ", "\"C:\\QvLive\\Ignored\\Fusion\\Fusion360.exe", "/reg:64"},
-           {hklm + "E", "InstallLocation", "REG_SZ", "C:\\QvLive\\Half\\Fusion", "/reg:64"},
-           {hklm + "F", "DisplayName", "REG_SZ", "Autodesk Fusion 360 (Beta)", "/reg:64"},
-           {hklm + "F", "InstallLocation", "REG_SZ", "C:\\QvLive\\Ignored\\Fusion", "/reg:64"},
-           {hklm + "G", "DisplayName", "REG_SZ", "Autodesk Fusion", "/reg:64"},
-           {hklm + "G", "DisplayIcon", "REG_SZ", "Fusion360.exe", "/reg:64"}}) {
-    const RunResult reg = Wine({"reg", "add", v[0], "/v", v[1], "/t", v[2], "/d", v[3], "/f", v[4]});
-    ASSERT_EQ(reg.exitCode, 0) << v[0] << " " << v[1] << ": " << reg.out << reg.err;
+           {hklm + "E", "/reg:64", name, sz, "Autodesk Fusion", icon, sz, "\"C:\\QvLive\\Ignored\\Fusion\\Fusion360.exe",
+            location, sz, "C:\\QvLive\\Half\\Fusion"},
+           {hklm + "F", "/reg:64", name, sz, "Autodesk Fusion 360 (Beta)", location, sz, "C:\\QvLive\\Ignored\\Fusion"},
+           {hklm + "G", "/reg:64", name, sz, "Autodesk Fusion", icon, sz, "Fusion360.exe"}}) {
+    for (std::size_t i = 2; i + 2 < v.size(); i += 3) {
+      const RunResult reg = Wine({"reg", "add", v[0], "/v", v[i], "/t", v[i + 1], "/d", v[i + 2], "/f", v[1]});
+      ASSERT_EQ(reg.exitCode, 0) << v[0] << " " << v[i] << ": " << reg.out << reg.err;
+    }
   }
   // The registry reaches the files when the server ends; the one started
   // by the programs below serves the rest of the test.

@@ -72,12 +72,11 @@ TEST_F(HostFiles, MovesCopiesCreatesAndAttributesKeepWindowsOutcomes) {
   // version resource can use.
   WriteFile(Host(v + "huge.exe"), CorpusProgram("tiny_version_1_2_3_4.exe", {{0x260, 0x200 + 0x10000}, {0xE4C, 0x10000}},
                                                 0x10000));
-  WriteFile(Host("f1"), "one");
-  WriteFile(Host("f2"), "two");
-  WriteFile(Host("src"), std::string(70000, 'g'));
-  WriteFile(Host("dst"), std::string(70000, 'g'));
-  WriteFile(Host("ro"), "read-only");
-  WriteFile(Host("rw"), "writable");
+  for (const auto& [name, bytes] : std::vector<std::pair<std::string, std::string>>{
+           {"f1", "one"}, {"f2", "two"}, {"src", std::string(70000, 'g')}, {"dst", std::string(70000, 'g')},
+           {"ro", "read-only"}, {"rw", "writable"}}) {
+    WriteFile(Host(name), bytes);
+  }
   MakeSymlink("gone", Host("dangling"));
   ::chmod(Host("dst").c_str(), 0640);
   ::chmod(Host("ro").c_str(), 0444);
