@@ -3,7 +3,6 @@
 //   wine_probe.exe                     stays up, a stand-in for Fusion: "up"
 //   wine_probe.exe list PATTERN        "<name>\t<attributes in hex>" from FindFirstFileW/FindNextFileW
 //   wine_probe.exe attributes PATH     GetFileAttributesW in hex
-//   wine_probe.exe mkdir PATH          CreateDirectoryW's result and last error
 //   wine_probe.exe hold PATH SHARE [TRIGGER DELAY_MS]
 //       opens PATH with the share mode SHARE (0 none, 3 read and write) as a
 //       scanner or backup agent does, prints "holding", and holds it until
@@ -115,9 +114,6 @@ int main() {
     FindClose(search);
   } else if (command == L"attributes" && argc == 3) {
     std::printf("%lx\n", GetFileAttributesW(argv[2]));
-  } else if (command == L"mkdir" && argc == 3) {
-    const BOOL made = CreateDirectoryW(argv[2], nullptr);
-    std::printf("%d %lu\n", made, made ? 0 : GetLastError());
   } else if (command == L"hold" && (argc == 4 || argc == 6)) {
     HANDLE held = CreateFileW(argv[2], GENERIC_READ, DWORD(_wtoi(argv[3])), nullptr, OPEN_EXISTING,
                               FILE_FLAG_BACKUP_SEMANTICS, nullptr);
