@@ -34,10 +34,6 @@
 #include "driver/exit_codes.h"
 #include "kit/kit_rules.h"
 
-#ifndef QUORVANE_VERSION
-#define QUORVANE_VERSION "0.0.0"
-#endif
-
 namespace {
 
 using namespace qv::kit;
