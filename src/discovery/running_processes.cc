@@ -3,11 +3,6 @@
 #include "platform/platform.h"
 
 namespace qv {
-namespace {
-
-constexpr std::uint32_t kImageBufferCharacters = platform::kLongPathBuffer;
-
-}  // namespace
 
 bool IsOffDrivePath(const WString& path) {
   const bool driveShape = path.size() >= 3 && path[1] == u':' && IsSeparator(path[2]);
@@ -63,7 +58,7 @@ bool ListRunningFusionExecutables(ExecutableList& running, WString& error) {
     }
     if (!IsOwnedByCurrentUser(process.get())) continue;
     WString image;
-    if (!platform::QueryFullProcessImageNameW(process.get(), image, kImageBufferCharacters)) {
+    if (!platform::QueryFullProcessImageNameW(process.get(), image, platform::kLongPathBuffer)) {
       error = u"Cannot read the running Fusion path. Close Fusion normally and retry.";
       return false;
     }

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "driver/exit_codes.h"
+
 namespace qv::kit {
 namespace {
 
@@ -239,7 +241,7 @@ std::vector<ChangedProfile> ChangedProfiles(const std::string& output) {
 
 bool FoundNoFusion(int toolExit, const std::string& output) {
   std::vector<std::string> lines;
-  return toolExit == 5 && SplitLines(output, lines) && lines.size() == 1 &&
+  return toolExit == kExitNotFound && SplitLines(output, lines) && lines.size() == 1 &&
          lines[0] == "Autodesk Fusion was not detected. Start Fusion once, then retry.";
 }
 

@@ -31,11 +31,8 @@
 #include <string>
 #include <vector>
 
+#include "driver/exit_codes.h"
 #include "kit/kit_rules.h"
-
-#ifndef QUORVANE_VERSION
-#define QUORVANE_VERSION "0.0.0"
-#endif
 
 namespace {
 
@@ -607,10 +604,10 @@ ToolRun RunTool(const Run& run, const std::string& action) {
 // The wrapper's code for a failed transaction, or any other code of the
 // setup program: Fusion holding the add-in, or the run lock, means retry.
 int RetryOrCode(const Run& run, const ToolRun& tool) {
-  if (tool.exit == 7) return kRetryLater;
-  if (tool.exit != 6) return tool.exit;
+  if (tool.exit == qv::kExitRunLockHeld) return kRetryLater;
+  if (tool.exit != qv::kExitTransactionFailed) return tool.exit;
   const ToolRun status = RunTool(run, "/status");
-  if (!ParseStatusReport(status.output).fusionRunning) return 6;
+  if (!ParseStatusReport(status.output).fusionRunning) return qv::kExitTransactionFailed;
   Log(run, "Fusion is running and may hold a file of the add-in: retry later, or close Fusion.");
   return kRetryLater;
 }
@@ -623,7 +620,7 @@ int Detect(const Run& run, const Stamp& mine, std::string& found) {
   if (recorded.identity.empty() || Compare(recorded, mine) == Order::kRecordedOlderOrUnordered) return 0;
   const ToolRun status = RunTool(run, "/status");
   const StatusReport report = ParseStatusReport(status.output);
-  if (status.exit != 0 && status.exit != 1) {
+  if (status.exit != qv::kExitSuccess && status.exit != qv::kExitIncomplete) {
     Print(stderr, status.output);
     return status.exit;
   }
@@ -631,7 +628,7 @@ int Detect(const Run& run, const Stamp& mine, std::string& found) {
     Print(stderr, "Cannot read the setup program's report:\n" + status.output);
     return kKitFailure;
   }
-  if (status.exit == 1 && report.installations != 0) return 0;
+  if (status.exit == qv::kExitIncomplete && report.installations != 0) return 0;
   for (const std::string& addIn : report.addIns) {
     if (ReadStamp(Long(Wide(addIn)) + L"\\" + kStampName).identity != recorded.identity) return 0;
   }

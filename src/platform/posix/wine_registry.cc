@@ -180,10 +180,8 @@ bool ParseValue(std::string_view line, std::string_view& rest, WineRegistryValue
   WString text;
   if (!DecodeString(line, pos, '"', text)) return false;
   text.push_back(u'\0');
-  for (char16_t c : text) {
-    value.data.push_back(static_cast<std::uint8_t>(c & 0xFF));
-    value.data.push_back(static_cast<std::uint8_t>(c >> 8));
-  }
+  const std::string bytes = Utf16LeBytes(text);
+  value.data.assign(bytes.begin(), bytes.end());
   return true;
 }
 
@@ -204,7 +202,7 @@ void ForEachLine(std::string_view rest, Visit visit) {
 // are the same to Windows have the same key.
 WString OrderKey(WStringView name) {
   WString key = UpcaseName(WString(name));
-  for (char16_t& c : key) c = c >= u'A' && c <= u'Z' ? static_cast<char16_t>(c + 32) : c;
+  for (char16_t& c : key) c = AsciiLower(c);
   return key;
 }
 
