@@ -10,7 +10,7 @@ namespace {
 
 const std::string kId(64, 'a');
 
-TEST(KitRules, CommandLinesAccountsAndVersionsAreDecidedBeforeAnythingRuns) {
+TEST(KitRules, WhatTheKitIsGivenIsDecidedBeforeAnythingRuns) {
   struct Row {
     std::vector<std::string> args;
     std::string error;  // the start of the usage error, or empty
@@ -82,13 +82,11 @@ TEST(KitRules, CommandLinesAccountsAndVersionsAreDecidedBeforeAnythingRuns) {
   for (const std::string bad : {std::string(), kId + "\r\n2.x\r\n", kId + "\r\n1\r\n2\r\n", kId.substr(2) + "\r\n"}) {
     EXPECT_FALSE(ParseStamp(bad, stamp)) << bad;
   }
-}
 
-// The status parse, the no-Fusion message and the Fusion-running flag are
-// read from the real setup program in the Wine scenario; here what it cannot
-// be driven into: lines past the bound, backups outside the profile's root,
-// text that is not UTF-8.
-TEST(KitRules, TheSetupProgramsOutputIsReadWithinBounds) {
+  // The status parse, the no-Fusion message and the Fusion-running flag are
+  // read from the real setup program in the Wine scenario; here what it
+  // cannot be driven into: lines past the bound, backups outside the
+  // profile's root, text that is not UTF-8.
   const std::string addIn = "C:\\U\\a & 100%!\\Autodesk\\Autodesk Fusion 360\\API\\AddIns\\KELDARO_Quorvane";
   std::vector<std::string> lines;
   EXPECT_FALSE(SplitLines("a\n" + std::string(kMaxLine + 1, 'x'), lines));
@@ -108,10 +106,9 @@ TEST(KitRules, TheSetupProgramsOutputIsReadWithinBounds) {
   for (const char* bad : {"\xf3" "f", "\xc0\xaf", "\xed\xa0\x80", "\xe0\x80\xaf", "\xf4\x90\x80\x80"}) {
     EXPECT_FALSE(IsUtf8(bad));
   }
-}
 
-TEST(KitRules, PruningKeepsTheNewestBackupsAndThisRunsAndLeavesNewerRunsAlone) {
-  // Newest first: a run newer than this one, this one, then older ones.
+  // Pruning, newest first: a run newer than this one, this one, then older
+  // ones; the newest backups and this run's are kept, newer runs left alone.
   const std::vector<BackupFolder> folders = {
       {"newer", true, true}, {"this", true, false}, {"b1", true, false}, {"failed", false, true},
       {"b2", true, true},    {"empty", false, false}, {"b3", true, false}};
