@@ -3,7 +3,6 @@
 #include <windows.h>
 #include <shellapi.h>
 
-#include <cstdio>
 #include <string>
 
 #include "platform/win32/win32_util.h"
@@ -12,18 +11,27 @@ namespace qv::platform {
 
 namespace {
 // To a console the text goes as UTF-16 through WriteConsoleW, so that every
-// character shows; redirected, it goes as UTF-8 bytes.
+// character shows; redirected, it goes as UTF-8 bytes in one WriteFile. Not
+// through the C runtime's streams: those write a byte at a time to a
+// character device such as NUL, one system call per byte.
 void WriteTo(DWORD which, const WString& text) {
   HANDLE out = ::GetStdHandle(which);
+  if (out == INVALID_HANDLE_VALUE || out == nullptr) return;
   DWORD mode = 0;
-  if (out != INVALID_HANDLE_VALUE && ::GetConsoleMode(out, &mode)) {
+  if (::GetConsoleMode(out, &mode)) {
     DWORD written = 0;
     ::WriteConsoleW(out, win32::W(text), static_cast<DWORD>(text.size()), &written, nullptr);
     return;
   }
-  std::string bytes = WideToUtf8(text);
-  std::fwrite(bytes.data(), 1, bytes.size(), which == STD_OUTPUT_HANDLE ? stdout : stderr);
-  std::fflush(which == STD_OUTPUT_HANDLE ? stdout : stderr);
+  const std::string bytes = WideToUtf8(text);
+  for (std::size_t done = 0; done < bytes.size();) {
+    DWORD written = 0;
+    if (!::WriteFile(out, bytes.data() + done, static_cast<DWORD>(bytes.size() - done), &written, nullptr) ||
+        written == 0) {
+      return;
+    }
+    done += written;
+  }
 }
 }  // namespace
 
